@@ -1,0 +1,70 @@
+# Entry points for a fresh Debian 12 machine: `make demo` and `make test`.
+# Missing Debian packages are installed first (apt-get, as root or through sudo).
+
+SHELL := /bin/bash
+JOBS ?= $(shell nproc)
+
+BUILD_PACKAGES := cmake ninja-build g++ googletest libgtest-dev libgmock-dev \
+                  android-liblog-dev android-libbacktrace-dev
+BENCH_PACKAGES := libbenchmark-dev android-libutils-dev libevent-dev
+
+SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
+
+# Installs whatever of $(1) dpkg does not report as installed.
+define apt_install
+	@missing=""; for p in $(1); do \
+	    dpkg-query -W -f='$${Status}' $$p 2>/dev/null | grep -q "install ok installed" \
+	        || missing="$$missing $$p"; \
+	done; \
+	if [ -n "$$missing" ]; then \
+	    echo "Installing:$$missing"; \
+	    $(SUDO) env DEBIAN_FRONTEND=noninteractive apt-get update -qq && \
+	    $(SUDO) env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq $$missing; \
+	fi
+endef
+
+.PHONY: all deps deps-bench build demo test test-asan test-tsan test-sanitizers bench install clean
+
+all: build
+
+deps:
+	$(call apt_install,$(BUILD_PACKAGES))
+
+deps-bench: deps
+	$(call apt_install,$(BENCH_PACKAGES))
+
+build/default/build.ninja: | deps
+	cmake --preset default
+
+build: deps build/default/build.ninja
+	cmake --build --preset default -j $(JOBS)
+
+demo: build
+	./build/default/examples/korv_demo
+
+test: build
+	ctest --preset default -j $(JOBS)
+
+test-asan: deps
+	cmake --preset asan
+	cmake --build --preset asan -j $(JOBS)
+	ctest --preset asan -j $(JOBS)
+
+test-tsan: deps
+	cmake --preset tsan
+	cmake --build --preset tsan -j $(JOBS)
+	ctest --preset tsan -j $(JOBS)
+
+test-sanitizers: test-asan test-tsan
+
+bench: deps-bench
+	cmake --preset default -DTOVRIX_BUILD_BENCH=ON
+	cmake --build --preset default -j $(JOBS)
+	./build/default/bench/korv_bench
+
+PREFIX ?= /usr/local
+install: build
+	cmake --install build/default --prefix $(PREFIX)
+
+clean:
+	rm -rf build

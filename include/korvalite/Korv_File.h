@@ -1,0 +1,28 @@
+// Dump folder, dump file names and free-space reservation.
+#pragma once
+
+#include <stdio.h>
+
+#include <memory>
+#include <string>
+
+namespace NSCam {
+namespace NSKorvalite {
+
+// Returns the folder named by "persist.vendor.camera.korvalite.dumpfile.folder", else the default
+// "/data/vendor/tovrix_dump", made with mode 0770 if need be; empty when none could be made.
+// Any thread.
+std::string getAndMakeFolderPath();
+
+// Returns a path "<folder>/korvalite_<pid>_YYYY_MMDD_HHMMSS_uuuuuu.txt" for a new dump file,
+// after deleting the oldest regular files of the folder when the file system has no more free
+// space than required. The folder is chosen once per process. Empty: write no file.
+// May block on the file system; any thread.
+std::string getDumpFilepathAndReserveSpace();
+
+// Creates (truncating) `path` for writing with mode 0664 and group "system" where it exists.
+// The stream is closed by the holder. Empty on failure or for a null path.
+std::shared_ptr<FILE> openNewFile(char const* path);
+
+}  // namespace NSKorvalite
+}  // namespace NSCam

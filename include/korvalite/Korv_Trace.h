@@ -1,0 +1,22 @@
+// Trace-bit mask of the image-processing module.
+//
+// Each bit enables the systrace sections of one group of operations; a section is emitted only
+// when its bit is set here and ATRACE_TAG_CAMERA is enabled. The mask is read from
+// "persist.vendor.camera.korvalite.tracebits" (default 0x10001131) once, when the library loads.
+#pragma once
+
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+// Written once while the library loads; read-only afterwards.
+extern uint64_t korvalite_enabled_tracebits;
+
+// Returns korvalite_enabled_tracebits. Any thread.
+uint64_t get_korvalite_enabled_tracebits(void);
+
+#ifdef __cplusplus
+}
+#endif

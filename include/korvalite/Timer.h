@@ -1,0 +1,61 @@
+// Timer on a timerfd that is itself an event observer.
+#pragma once
+
+#include <time.h>
+
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include <korvalite/EpollMonitor.h>
+#include <qrvcam/IPrinter.h>
+
+namespace NSCam {
+namespace NSKorvalite {
+
+// The client attaches the timer to a monitor with getEventType(); each expiry calls the callback
+// on the monitor's thread. Must be owned by a shared_ptr before it receives events.
+class Timer : public IEventObserver, public std::enable_shared_from_this<Timer> {
+public:
+    // `name` may be null ("Timer-?"). Fatal when the timerfd cannot be made or the callback is
+    // empty. The timer starts disarmed.
+    Timer(char const* name, int clockid, std::function<void()> notifyTimeout);
+    // Closes the timerfd; neither stops the timer nor detaches it from a monitor.
+    ~Timer() override;
+
+    // IEventObserver
+    int getEventFD() const override;
+    // The expiry handler, on the monitor's thread: calls the callback without the timer's lock,
+    // then re-arms (enableEdgeTrigger). Aborts when no shared_ptr owns the timer.
+    void onEvent(IEventObserver::OnEvent const& event) noexcept override;
+
+    // "Timer-<name>".
+    virtual std::string const& getEventName() const;
+    // EPOLLIN | EPOLLET: the events to attach the timer with.
+    virtual int getEventType() const;
+
+    // Arms the timer: first expiry at the absolute time `value` on the timer's clock, then every
+    // `interval` (zero: once). Both must be valid. Any thread, also from the callback.
+    void startTimerAbsoluteTime(timespec const* value, timespec const* interval);
+    // Disarms the timer. Any thread.
+    void stopTimer();
+    // Re-arms with the remaining time and the same interval, which clears the expiry count so
+    // that the next expiry is a new edge. Any thread.
+    void enableEdgeTrigger();
+
+    // "{ Timer-<name> .fd=<fd> .event=<hex> }".
+    std::string toString() const;
+    void dumpState(NSCam::IPrinter* printer) const;
+
+private:
+    bool mLogV;
+    std::string mName;
+    int mFd;  // owned; tagged with its own address
+    int mEvents;
+    std::function<void()> mNotifyTimeout;
+    mutable std::mutex mMutex;  // serialises the timerfd get/set calls; never held for callbacks
+};
+
+}  // namespace NSKorvalite
+}  // namespace NSCam

@@ -1,0 +1,1 @@
+// Backtrace: not written yet.

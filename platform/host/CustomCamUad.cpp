@@ -1,0 +1,1 @@
+// CustomCamUad: not written yet.

@@ -1,0 +1,1 @@
+// Fdsan: not written yet.

@@ -1,0 +1,1 @@
+// Perfctrl: not written yet.

@@ -1,0 +1,1 @@
+// Printer: not written yet.

@@ -1,0 +1,1 @@
+// Trace: not written yet.

@@ -1,0 +1,1 @@
+// ULog: not written yet.

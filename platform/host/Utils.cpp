@@ -1,0 +1,1 @@
+// Utils: not written yet.

@@ -1,0 +1,1 @@
+// Xem: not written yet.

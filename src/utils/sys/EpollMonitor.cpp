@@ -1,0 +1,1 @@
+// EpollMonitor: not written yet.

@@ -1,0 +1,1 @@
+// Korv-Printer: not written yet.

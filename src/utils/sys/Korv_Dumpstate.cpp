@@ -1,0 +1,1 @@
+// Korv_Dumpstate: not written yet.

@@ -1,0 +1,1 @@
+// Korv_File: not written yet.

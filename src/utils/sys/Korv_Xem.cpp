@@ -1,0 +1,1 @@
+// Korv_Xem: not written yet.

@@ -1,0 +1,1 @@
+// LogTool: not written yet.

@@ -1,0 +1,1 @@
+// SystemCall: not written yet.

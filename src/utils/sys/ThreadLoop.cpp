@@ -1,0 +1,1 @@
+// ThreadLoop: not written yet.

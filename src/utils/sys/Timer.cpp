@@ -1,0 +1,1 @@
+// Timer: not written yet.

@@ -1,0 +1,219 @@
+// Test helpers shared by every test of the library and of the host platform.
+//
+// - AndroidLogCapture: every liblog record (priority, tag, text) of this process.
+// - ULogCapture: every ULog sink record and pre-assertion call.
+// - ScopedSwitches: sets the ULog switches and restores them.
+// - TraceCapture: trace lines written to a temporary marker file.
+// - ScopedProperty / PropertiesFile: properties in this process / for a child process.
+// - runChild / runSelfChild: a child process that must end in a given way.
+// - openFds: the descriptors this process has open.
+//
+// Each helper restores what it changed when it goes out of scope. Captures are process-wide: use
+// one of a kind at a time.
+#pragma once
+
+#include <stdint.h>
+#include <sys/types.h>
+
+#include <chrono>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <set>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include <qrvcam/ulog/ULog.h>
+
+namespace korvtest {
+
+// --- Android log -----------------------------------------------------------------------------
+
+struct LogRecord {
+    int priority;
+    std::string tag;
+    std::string text;
+};
+
+// Captures every liblog record of this process (minimum priority lowered to verbose while it
+// lives). Restores liblog's stderr logger and the previous minimum priority afterwards.
+class AndroidLogCapture {
+public:
+    AndroidLogCapture();
+    ~AndroidLogCapture();
+    AndroidLogCapture(AndroidLogCapture const&) = delete;
+    AndroidLogCapture& operator=(AndroidLogCapture const&) = delete;
+
+    std::vector<LogRecord> records() const;
+    // Records with this tag.
+    std::vector<LogRecord> withTag(std::string_view tag) const;
+    // Texts of the records with this tag, in order.
+    std::vector<std::string> texts(std::string_view tag) const;
+    // Number of records whose tag equals `tag` and whose text contains `needle`.
+    size_t count(std::string_view tag, std::string_view needle) const;
+    void clear();
+
+private:
+    int mOldMinimum;
+};
+
+// --- ULog ------------------------------------------------------------------------------------
+
+struct ULogRecord {
+    uint32_t module;
+    std::string tag;
+    uint32_t level;
+    std::string text;  // the text as received (up to its NUL)
+    uint32_t length;   // the length argument as received
+};
+
+// A ULog sink that records; installed as ULogger::sULogger while it lives. Any thread.
+class ULogCapture : public NSCam::Utils::ULog::ULogger {
+public:
+    ULogCapture();
+    ~ULogCapture() override;
+
+    void logRecord(uint32_t moduleId, char const* tag, uint32_t level, char const* text,
+                   uint32_t length) override;
+    void flush(int reason) override;
+
+    std::vector<ULogRecord> records() const;
+    std::vector<std::string> texts(std::string_view tag) const;
+    size_t count(std::string_view tag, std::string_view needle) const;
+    // Arguments of the pre-assertion calls, in order.
+    std::vector<int> flushes() const;
+    void clear();
+
+private:
+    mutable std::mutex mMutex;
+    std::vector<ULogRecord> mRecords;
+    std::vector<int> mFlushes;
+    NSCam::Utils::ULog::ULogger* mPrevious;
+};
+
+// Saves the three ULog switches and restores them. The setters store atomically, so a library
+// thread reading them concurrently is not a data race.
+class ScopedSwitches {
+public:
+    ScopedSwitches();
+    ~ScopedSwitches();
+    ScopedSwitches& mode(uint32_t value);
+    ScopedSwitches& details(uint32_t value);
+    ScopedSwitches& mask(uint32_t value);
+
+private:
+    uint32_t mMode;
+    uint32_t mDetails;
+    uint32_t mMask;
+};
+
+// --- Trace -----------------------------------------------------------------------------------
+
+// Points the trace writer at a temporary marker file and enables `tags` (the camera tag by
+// default). Restores the properties and re-reads them afterwards.
+class TraceCapture {
+public:
+    explicit TraceCapture(uint64_t tags = UINT64_C(1) << 10);
+    ~TraceCapture();
+    TraceCapture(TraceCapture const&) = delete;
+    TraceCapture& operator=(TraceCapture const&) = delete;
+
+    // Every line written so far, without the newline, e.g. "B|1234|EventFD".
+    std::vector<std::string> lines() const;
+    // The lines with "|<pid>" of this process removed, e.g. "B|EventFD", "E", "C|name|3".
+    std::vector<std::string> events() const;
+    // Empties the file.
+    void clear();
+    std::string const& path() const { return mPath; }
+
+private:
+    std::string mPath;
+    std::string mOldFile;
+    std::string mOldTags;
+};
+
+// --- Properties ------------------------------------------------------------------------------
+
+// Sets a property in this process and restores its former in-process value (empty: unset).
+class ScopedProperty {
+public:
+    ScopedProperty(std::string key, std::string const& value);
+    ~ScopedProperty();
+    ScopedProperty(ScopedProperty const&) = delete;
+    ScopedProperty& operator=(ScopedProperty const&) = delete;
+
+private:
+    std::string mKey;
+    std::string mOld;
+};
+
+// A temporary properties file for a child process (QRVCAM_PROPERTIES); removed when destroyed.
+class PropertiesFile {
+public:
+    explicit PropertiesFile(std::map<std::string, std::string> const& values);
+    ~PropertiesFile();
+    std::string const& path() const { return mPath; }
+
+private:
+    std::string mPath;
+};
+
+// --- Child processes -------------------------------------------------------------------------
+
+struct ChildResult {
+    bool exited = false;    // ended through exit()
+    int exitCode = -1;      // when exited
+    int signal = 0;         // the signal that ended it, when not exited
+    bool timedOut = false;  // killed by runChild after the time-out
+    std::string out;        // its standard output
+    std::string err;        // its standard error
+};
+
+// Runs `argv` with `env` added to this process's environment, collects its output, and waits at
+// most `timeout` (then kills it with SIGKILL and reports timedOut).
+ChildResult runChild(std::vector<std::string> const& argv,
+                     std::vector<std::pair<std::string, std::string>> const& env = {},
+                     std::chrono::milliseconds timeout = std::chrono::seconds(60));
+
+// Runs this test executable again with only the (normally disabled) test `testName`
+// ("Suite.DISABLED_Name"), with QRVCAM_PROPERTIES pointing at a file of `properties`. This is how
+// load-time behaviour is checked: the child loads the library with those properties.
+ChildResult runSelfChild(std::string const& testName,
+                         std::map<std::string, std::string> const& properties = {},
+                         std::vector<std::pair<std::string, std::string>> const& env = {},
+                         std::chrono::milliseconds timeout = std::chrono::seconds(60));
+
+// Runs `body` in a forked child (no exec) and reports how the child ended; its standard output
+// and error are captured. For code that must end the process in a particular way.
+ChildResult runInChild(std::function<void()> const& body,
+                       std::chrono::milliseconds timeout = std::chrono::seconds(60));
+
+// --- Descriptors and waiting -----------------------------------------------------------------
+
+// The descriptor numbers this process has open.
+std::set<int> openFds();
+
+// Polls `condition` until it holds or `limit` passes; returns its last value. For conditions that
+// another thread makes true: never sleep for a guess.
+bool waitFor(std::function<bool()> const& condition,
+             std::chrono::milliseconds limit = std::chrono::seconds(10));
+
+// Lines of a text file.
+std::vector<std::string> readLines(std::string const& path);
+
+// A fresh temporary directory, removed with its contents when destroyed.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(TempDir const&) = delete;
+    TempDir& operator=(TempDir const&) = delete;
+    std::string const& path() const { return mPath; }
+
+private:
+    std::string mPath;
+};
+
+}  // namespace korvtest
