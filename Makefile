@@ -40,7 +40,8 @@ build: deps build/default/build.ninja
 	cmake --build --preset default -j $(JOBS)
 
 demo: build
-	./build/default/examples/korv_demo
+	@mkdir -p /tmp/korv_demo && rm -f /tmp/korv_demo/trace.txt
+	QRVCAM_PROPERTIES=$(CURDIR)/examples/demo.properties ./build/default/examples/korv_demo
 
 test: build
 	ctest --preset default -j $(JOBS)

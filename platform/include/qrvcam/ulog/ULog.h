@@ -51,7 +51,7 @@ public:
     ~ULogPrinter() override;
 
     void printLine(char const* line) override;
-    void printFormatLine(char const* format, ...) __attribute__((format(printf, 2, 3))) override;
+    __attribute__((format(printf, 2, 3))) void printFormatLine(char const* format, ...) override;
 
 private:
     bool gate() const;
