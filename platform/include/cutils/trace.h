@@ -1,6 +1,10 @@
 // Android systrace interface as the camera platform provides it.
 //
 // The body functions write unconditionally; callers test atrace_get_enabled_tags() first.
+// Each writes one line ("B|<pid>|<name>", "E|<pid>", "C|<pid>|<name>|<value>",
+// "S|<pid>|<name>|<cookie>", "F|<pid>|<name>|<cookie>", then a newline; at most 1023 bytes) in one
+// write() to the file named by "debug.atrace.marker_file", else to the kernel's trace_marker when
+// writable, else nowhere. Every function may be called from any thread and leaves errno alone.
 #pragma once
 
 #include <stdint.h>

@@ -22,7 +22,8 @@ int qrvcam_fdsan_exchange_tag(int fd, uint64_t expected_tag, uint64_t new_tag, i
 // or -1 with errno EBADF when refused.
 int qrvcam_fdsan_close_with_tag(int fd, uint64_t tag, int flags);
 
-// Host addition: the current owner tag of `fd` (0 when unowned).
+// Host addition: the current owner tag of `fd` (0 when unowned). Descriptors from 1048576 up
+// are not tracked: they read 0, and tagging them succeeds without effect. Any thread.
 uint64_t qrvcam_fdsan_get_owner_tag(int fd);
 
 #ifdef __cplusplus

@@ -43,7 +43,9 @@ public:
     virtual ~ULogger();
 };
 
-// Printer that gates, formats and routes each line by the ULogger switches.
+// Printer that gates, formats and routes each line by the ULogger switches, read at every call.
+// The tag is copied (cut to 63 characters); the prefix is borrowed and must outlive the printer.
+// A printer holds no lock: it may be used from any thread.
 class ULogPrinter : public NSCam::IPrinter, public android::Printer {
 public:
     ULogPrinter(unsigned int moduleId, char const* tag, DetailsType level, char const* prefix,
