@@ -136,7 +136,8 @@ ULogPrinter::ULogPrinter(unsigned int moduleId, char const* tag, DetailsType lev
       mModuleId(moduleId),
       mTag(),
       mLogPrinter(mTag, priorityOfLevel(level), prefix, ignoreBlankLines) {
-    if (tag != nullptr) strncpy(mTag, tag, sizeof(mTag));
+    // The last byte is forced to NUL either way; copying one byte less says so to the compiler.
+    if (tag != nullptr) strncpy(mTag, tag, sizeof(mTag) - 1);
     mTag[sizeof(mTag) - 1] = '\0';
 }
 
