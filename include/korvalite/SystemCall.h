@@ -7,8 +7,10 @@
 // descriptor mark it as owned by `tag`, the address of the variable that keeps it; close it with
 // Close() and the same tag. All wrappers may be called from any thread.
 //
-// The device wrappers (media requests, V4L2 buffers and events, IOVA mappings) treat a refused request as a
-// driver fault: after the error line they raise an exception report and end the process.
+// The device wrappers (media requests, V4L2 buffers and events, IOVA mappings) treat a refused
+// request as a driver fault: after the error line they raise an exception report (module
+// "tovrix") and end the process with SIGTERM, then SIGKILL 100 ms later; they return the negative
+// errno only if the process survives both. Ioctl() never does this.
 #pragma once
 
 #include <dirent.h>
@@ -67,6 +69,9 @@ int Ioctl(int fd, int request, void* arg, unsigned int flags);
 // MEDIA_IOC_REQUEST_ALLOC on the media device: the new request descriptor, owned by `tag`.
 int AllocMediaRequest(int mediaFd, unsigned long tag);
 int ReinitMediaRequest(int requestFd);
+// The two queue calls time themselves when verbose logging was on as the library loaded (and
+// "persist.vendor.qrv.camera.log_level" was unset or above 2), and warn when the kernel took more
+// than 2 ms. Any non-zero result is a failure.
 int QueueMediaRequest(int requestFd);
 // `buffer` is a v4l2_buffer.
 int QueueVideoNodeBuf(int fd, void* buffer);
