@@ -1,6 +1,8 @@
 // Event monitor: one thread waits on an epoll set and calls the observer of each ready descriptor.
 #pragma once
 
+#include <korvalite/ThreadLoop.h>
+#include <qrvcam/IPrinter.h>
 #include <stdint.h>
 #include <sys/epoll.h>
 
@@ -9,9 +11,6 @@
 #include <mutex>
 #include <string>
 #include <unordered_map>
-
-#include <korvalite/ThreadLoop.h>
-#include <qrvcam/IPrinter.h>
 
 namespace NSCam {
 namespace NSKorvalite {
@@ -42,26 +41,31 @@ public:
     virtual void dumpState(NSCam::IPrinter* printer) const = 0;
     // "P2DrvEP-" followed by the name given to make(). Immutable.
     virtual std::string const& getName() const = 0;
-    // Registers the observer's descriptor for `events` (the epoll mask, as given). Fatal when the
-    // descriptor is already attached or the kernel refuses it. Any thread, also from onEvent().
-    // The monitor does not own the observer, which must stay alive until it is detached and no
-    // batch of the monitor's thread can still name it.
+    // Registers the observer's descriptor for `events` (the epoll mask, as given; nothing is
+    // added). Fatal when the descriptor is already attached or the kernel refuses it. Blocks only
+    // on the table lock. Any thread, also from onEvent(). The monitor does not own the observer,
+    // which must stay alive until it is detached and no batch of the monitor's thread can still
+    // name it (detach it from its own onEvent(), or stop the loop first).
     virtual void attach(IEventObserver* observer, int events) = 0;
-    // Changes the events of an attached descriptor. Fatal when the kernel refuses it.
+    // Changes the events of an attached descriptor, and makes `observer` the one called for it.
+    // Takes no lock and leaves the table alone. Fatal when the kernel refuses it. Any thread.
     virtual void modify(IEventObserver* observer, int events) = 0;
-    // Unregisters the observer's descriptor. Fatal when it is not attached. An event of the
-    // current batch may still reach the observer after detach() returns on another thread.
+    // Unregisters the observer's descriptor (observers are identified by descriptor alone).
+    // Fatal when it is not attached. Any thread, also from onEvent(). An event of the current
+    // batch may still reach the observer after detach() returns on another thread.
     virtual void detach(IEventObserver* observer) = 0;
 
     // A new monitor named "P2DrvEP-<name>" ("P2DrvEP-?" for null). Never null; construction
-    // failures are fatal. Run it with a ThreadLoopHandler.
+    // failures are fatal. Run it with a ThreadLoopHandler (the object is an EpollMonitor, which
+    // is an IThreadLoop); every observer callback then runs on that handler's thread.
     static std::shared_ptr<IEpollMonitor> make(char const* name);
 };
 
 class EpollMonitor : public IEpollMonitor, public IThreadLoop, public IEventObserver {
 public:
     explicit EpollMonitor(char const* name);
-    // Closes the monitor's own two descriptors only. The loop must have ended first.
+    // Closes the monitor's own two descriptors only: attached observers are not told and their
+    // descriptors stay open. The loop must have ended first (requestExitAndWait() on the handler).
     ~EpollMonitor() override;
 
     // IEpollMonitor
@@ -71,17 +75,20 @@ public:
     void modify(IEventObserver* observer, int events) override;
     void detach(IEventObserver* observer) override;
 
-    // IEventObserver: the monitor observes its own wake-up descriptor.
+    // IEventObserver: the monitor observes its own wake-up descriptor (non-blocking eventfd,
+    // never in the table). onEvent() drains it on the monitor's thread.
     int getEventFD() const override;
     void onEvent(OnEvent const& event) override;
 
     // IThreadLoop
     // Any thread; does not wait. The loop ends after the batch that carries the wake-up.
     void requestExit() override;
-    // On the monitor's thread, once. Always 0.
+    // On the monitor's thread, once: default policy and priority (only when the handler gave
+    // none), platform customisation and affinity. Always 0.
     int readyToRun(ReadyToRun const& r) override;
     using IThreadLoop::readyToRun;
-    // The monitor's whole working life: returns false once requestExit() was seen.
+    // The monitor's whole working life, on its thread: waits and dispatches until requestExit(),
+    // then returns false. Returns at once when requestExit() came first.
     bool threadLoop() override;
 
     // mAttachCount - mDetachCount. Any thread.
@@ -93,7 +100,8 @@ public:
     std::string toString_runtime() const;
     static std::string toString_FdObserverMap(std::unordered_map<int, IEventObserver*> const& map);
 
-    // Loop internals, on the monitor's thread.
+    // Loop internals, on the monitor's thread. tryEpoll: 1 events handled, 0 timed out, -2
+    // interrupted by a signal; other wait errors are fatal.
     int tryEpoll(int timeoutMs);
     void handleEvents(epoll_event* events, unsigned long count);
     bool isInterruptEvent(unsigned int events) const;
@@ -116,7 +124,7 @@ private:
 
     std::atomic<uint32_t> mAttachCount;  // attach() calls ever made; statistics, relaxed
     std::atomic<uint32_t> mDetachCount;  // successful detach() calls; statistics, relaxed
-    std::atomic<bool> mActive;           // the loop runs while true
+    std::atomic<bool> mActive;           // the loop runs while true; cleared by requestExit()
 
     epoll_event mEvents[kMaxEvents];  // receive buffer; the monitor's thread only
 

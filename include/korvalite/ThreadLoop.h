@@ -1,6 +1,7 @@
 // Thread-loop handler: one detached worker thread running an IThreadLoop body.
 #pragma once
 
+#include <atomic>
 #include <climits>
 #include <condition_variable>
 #include <memory>
@@ -11,7 +12,9 @@
 namespace NSCam {
 namespace NSKorvalite {
 
-// A loop body run by a ThreadLoopHandler.
+// A loop body run by a ThreadLoopHandler. The handler calls readyToRun() once and then
+// threadLoop() on its worker thread, never with its lock held; requestExit() comes from any thread
+// with the handler's lock held.
 class IThreadLoop {
 public:
     // What the handler hands the body once, on the new thread, before the first iteration.
@@ -35,27 +38,34 @@ public:
 
 // Owns one detached worker thread that runs an IThreadLoop. Always held by a shared_ptr (make());
 // while it runs, the worker holds strong references to the handler and the body, so either may
-// be destroyed on the worker thread.
+// be destroyed on the worker thread. From the second iteration on the worker keeps them only
+// weakly between iterations: once every outside owner of either is gone, the worker ends after
+// its current iteration without notifying anyone (the handler is then "abandoned": it still
+// counts as running, so run() refuses and requestExitAndWait() would wait for ever).
 class ThreadLoopHandler : public std::enable_shared_from_this<ThreadLoopHandler> {
 public:
     // Never null.
     static std::shared_ptr<ThreadLoopHandler> make();
 
     // Name, policy and priority for the next run(); the worker copies them when it starts.
-    // Any thread.
+    // The kernel keeps at most 15 characters of the name. INT_MIN for either number applies no
+    // priority. Any thread, also from the body.
     void setThreadName(std::string name);
     void setThreadPriority(int policy, int priority);
 
-    // Starts the worker running `loop`. Returns 0, or -ENOSYS (silently) while a worker runs.
-    // Aborts the process when the handler is not owned by a shared_ptr. Any thread.
+    // Starts a detached worker running `loop` and returns 0 without waiting for it, or returns
+    // -ENOSYS, silently and changing nothing, while a worker runs. A null `loop` is fatal on the
+    // worker. Aborts the process, even inside a caller's try block, when the handler is not owned
+    // by a shared_ptr or the thread cannot be created. Any thread but the worker.
     int run(std::shared_ptr<IThreadLoop> const& loop) noexcept;
 
-    // Marks the exit as pending and forwards requestExit() to the body if it is alive.
-    // Does not wait. Any thread.
+    // Marks the exit as pending and forwards requestExit() to the body, under the handler's lock,
+    // if the body is alive. Does not wait. Any thread, also from the body's threadLoop().
     void requestExit();
 
-    // requestExit(), then blocks until the worker has left its loop. Returns 0, or -EAGAIN from
-    // the same-thread guard. Must not be called from the worker (it would wait for ever).
+    // requestExit(), then blocks until the worker has left its loop. Returns 0 (at once when no
+    // worker runs), or -EAGAIN from the same-thread guard. Never call it from the worker: it
+    // would wait for ever.
     int requestExitAndWait();
 
     // Whether an exit was requested (or the worker finished). Any thread.
@@ -70,18 +80,24 @@ public:
     ~ThreadLoopHandler();
 
 private:
-    std::thread mThread;           // empty except inside run(): detached before run() returns
-    int mTid = -1;                 // written by the worker when it starts; never reset
-    std::condition_variable mCond; // signalled when the worker leaves its loop
-    mutable std::mutex mMutex;     // guards every member below
+    std::thread mThread;  // guarded by mMutex; empty except inside run(), which detaches it
+    // Kernel id of the latest worker, -1 until that worker has published it. Atomic because the
+    // worker writes it before it first takes mMutex, while run() may be holding mMutex and waiting
+    // for it (the report-thread registration needs the id and glibc has no pthread_gettid_np).
+    std::atomic<int> mTid{-1};
+    std::condition_variable mCond;  // with mMutex; signalled when the worker leaves its loop
+    mutable std::mutex mMutex;      // guards every member below, and mThread
     std::string mThreadName;
     int mPolicy = INT_MIN;
     int mPriority = INT_MIN;
-    bool mExitPending = false;     // an exit was requested, or the worker finished
-    bool mRunning = false;         // a worker was started and has not left through the exit step
-    std::shared_ptr<ThreadLoopHandler> mSelf;  // handed from run() to the worker
-    std::shared_ptr<IThreadLoop> mLoop;        // handed from run() to the worker
-    std::weak_ptr<IThreadLoop> mWeakLoop;      // for requestExit(); kept after the run
+    bool mExitPending = false;  // an exit was requested, or the worker finished
+    bool mRunning = false;      // a worker was started and has not left through the exit step
+    // Handed from run() to the worker, which takes them over (reads and clears them) without the
+    // lock: run() sets them before it creates the thread and nobody else writes them while
+    // mRunning is set.
+    std::shared_ptr<ThreadLoopHandler> mSelf;
+    std::shared_ptr<IThreadLoop> mLoop;
+    std::weak_ptr<IThreadLoop> mWeakLoop;  // for requestExit(); kept after the run
 };
 
 }  // namespace NSKorvalite
