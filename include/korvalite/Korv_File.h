@@ -16,7 +16,9 @@ std::string getAndMakeFolderPath();
 
 // Returns a path "<folder>/korvalite_<pid>_YYYY_MMDD_HHMMSS_uuuuuu.txt" for a new dump file,
 // after deleting the oldest regular files of the folder when the file system has no more free
-// space than required. The folder is chosen once per process. Empty: write no file.
+// space than required: at most (100 - keep policy) percent of them, and no more than it takes.
+// A keep policy outside 0..100 is ignored (with a warning) in favour of 75. The folder and the
+// settings are read once per process. Empty: write no file. The file itself is not created.
 // May block on the file system; any thread.
 std::string getDumpFilepathAndReserveSpace();
 
