@@ -16,112 +16,74 @@ namespace {
 using NSCam::Utils::ULog::DetailsType;
 using NSCam::Utils::ULog::ULogger;
 using NSCam::Utils::ULog::ULogPrinter;
+using Texts = std::vector<std::string>;
 
 constexpr unsigned kModule = 0x8002001;
 constexpr char kTag[] = "korvtest-ulp";
-
-::testing::AssertionResult passed(korvtest::ChildResult const& child) {
-    // A misspelt test name would run nothing and exit 0, hence the count.
-    if (child.exited && child.exitCode == 0 &&
-        child.out.find("[  PASSED  ] 1 test.") != std::string::npos) {
-        return ::testing::AssertionSuccess();
-    }
-    return ::testing::AssertionFailure()
-           << "child: exited=" << child.exited << " code=" << child.exitCode
-           << " signal=" << child.signal << "\n"
-           << child.out << child.err;
-}
 
 bool contains(std::string const& text, std::string const& needle) {
     return text.find(needle) != std::string::npos;
 }
 
-// --- Load-time switches ------------------------------------------------------------------------
-
-struct LoadCase {
-    std::map<std::string, std::string> properties;
-    uint32_t mode;
-    uint32_t details;
-    uint32_t mask;
-    int minimum;  // liblog's minimum priority
-    bool debugShown;
-    bool verboseShown;
-};
-
 TEST(PlatformULogLoad, SwitchesAndLogMinimumComeFromProperties) {
-    LoadCase const cases[] = {
-            {{}, 1, 3, 0, ANDROID_LOG_DEFAULT, false, false},
-            {{{"debug.qrvcam.ulog.mode", "0xA"},
-              {"debug.qrvcam.ulog.detailslevel", "4"},
-              {"debug.qrvcam.ulog.detailsmask", "0x80002000"}},
-             0xA,
-             4,
-             0x80002000,
-             ANDROID_LOG_DEBUG,
-             true,
-             false},
-            {{{"debug.qrvcam.ulog.detailslevel", "5"}, {"debug.qrvcam.ulog.mode", "junk"}},
-             1,
-             5,
-             0,
-             ANDROID_LOG_DEBUG,
-             true,
-             false},
-            {{{"debug.qrvcam.ulog.detailslevel", "6"}, {"debug.qrvcam.ulog.detailsmask", "-1"}},
-             1,
-             6,
-             0xffffffff,
-             ANDROID_LOG_VERBOSE,
-             true,
-             true},
-    };
-    for (LoadCase const& c : cases) {
-        char report[128];
-        snprintf(report, sizeof(report), "switches mode=0x%x details=%u mask=0x%x minimum=%d\n",
-                 c.mode, c.details, c.mask, c.minimum);
+    // Properties mode, details level, mask (null: unset); then what the child reports, where
+    // liblog's minimum is 1 (liblog's default: info), 3 (debug) or 2 (verbose).
+    char const* const cases[][4] = {
+            {nullptr, nullptr, nullptr, "mode=0x1 details=3 mask=0x0 minimum=1"},
+            {"0xA", "4", "0x80002000", "mode=0xa details=4 mask=0x80002000 minimum=3"},
+            {"junk", "5", nullptr, "mode=0x1 details=5 mask=0x0 minimum=3"},
+            {nullptr, "6", "-1", "mode=0x1 details=6 mask=0xffffffff minimum=2"}};
+    char const* const keys[] = {"debug.qrvcam.ulog.mode", "debug.qrvcam.ulog.detailslevel",
+                                "debug.qrvcam.ulog.detailsmask"};
+    for (auto const& c : cases) {
+        std::map<std::string, std::string> properties;
+        for (int i = 0; i < 3; ++i) {
+            if (c[i] != nullptr) properties[keys[i]] = c[i];
+        }
         korvtest::ChildResult child =
-                korvtest::runSelfChild("PlatformULogChild.DISABLED_ReportSwitches", c.properties);
-        ASSERT_TRUE(passed(child)) << report;
-        EXPECT_TRUE(contains(child.out, report)) << report << child.out;
-        EXPECT_EQ(c.debugShown, contains(child.err, "korvtest-debug-record")) << report;
-        EXPECT_EQ(c.verboseShown, contains(child.err, "korvtest-verbose-record")) << report;
+                korvtest::runSelfChild("PlatformULogChild.DISABLED_ReportSwitches", properties);
+        std::string const report = c[3];
+        EXPECT_TRUE(contains(child.out, report + "\n[       OK ]")) << report << "\n" << child.out;
+        EXPECT_EQ(report.back() != '1', contains(child.err, "korvtest-debug-record")) << report;
+        EXPECT_EQ(report.back() == '2', contains(child.err, "korvtest-verbose-record")) << report;
     }
 }
 
 TEST(PlatformULogChild, DISABLED_ReportSwitches) {
-    printf("switches mode=0x%x details=%u mask=0x%x minimum=%d\n", ULogger::sMode,
-           ULogger::sDetailsLevel, ULogger::sNormalDetailsMask,
-           __android_log_get_minimum_priority());
+    printf("mode=0x%x details=%u mask=0x%x minimum=%d\n", ULogger::sMode, ULogger::sDetailsLevel,
+           ULogger::sNormalDetailsMask, __android_log_get_minimum_priority());
     __android_log_print(ANDROID_LOG_DEBUG, "korvtest", "korvtest-debug-record");
     __android_log_print(ANDROID_LOG_VERBOSE, "korvtest", "korvtest-verbose-record");
 }
-
-// --- The default sink --------------------------------------------------------------------------
 
 TEST(PlatformULogSink, DefaultSinkWritesOneLinePerRecordToStderr) {
     std::string const longText(3000, 'x');
     korvtest::ChildResult child = korvtest::runInChild([&] {
         ULogger* sink = ULogger::sULogger;
         sink->logRecord(kModule, "korvtest", 3, "hello world", 11);
-        // The length may exceed the text (a truncated record); the text is what is written.
-        sink->logRecord(0xabc, "korvtest", 2, "cut", 5000);
+        sink->logRecord(0xabc, "korvtest", 2, "cut", 5000);  // the text is what is written
         sink->logRecord(kModule, "korvtest", 6, longText.c_str(), 3000);
         sink->logRecord(kModule, nullptr, 1, nullptr, 0);
         sink->flush(1);
     });
-    ASSERT_TRUE(child.exited) << child.err;
-    std::string expected =
-            "ULOG 8002001 3 korvtest: hello world\n"
-            "ULOG abc 2 korvtest: cut\n";
-    expected += "ULOG 8002001 6 korvtest: " + longText + "\n";
-    expected += "ULOG 8002001 1 : \n";
-    EXPECT_EQ(expected, child.err);
+    std::string const expected = "ULOG 8002001 3 korvtest: hello world\nULOG abc 2 korvtest: cut\n";
+    EXPECT_EQ(expected + "ULOG 8002001 6 korvtest: " + longText + "\nULOG 8002001 1 : \n",
+              child.err);
 }
-
-// --- ULogPrinter -------------------------------------------------------------------------------
 
 class PlatformULogPrinter : public ::testing::Test {
 protected:
+    // The sink's records of `tag`: "<module> <level> <text> <length>".
+    Texts sunk(std::string const& tag) {
+        Texts texts;
+        for (auto const& r : mULog.records()) {
+            char head[32];
+            snprintf(head, sizeof(head), "%x %u ", r.module, r.level);
+            if (r.tag == tag) texts.push_back(head + r.text + " " + std::to_string(r.length));
+        }
+        return texts;
+    }
+
     korvtest::ScopedSwitches mSwitches;
     korvtest::AndroidLogCapture mLog;
     korvtest::ULogCapture mULog;
@@ -129,144 +91,72 @@ protected:
 
 TEST_F(PlatformULogPrinter, ModeBitsChooseTheRoutes) {
     mSwitches.details(3);
-    ULogPrinter printer(kModule, kTag, NSCam::Utils::ULog::DETAILS_INFO, "pre: ", false);
-    for (uint32_t mode : {0u, 1u, 2u, 8u, 3u, 0xAu, 4u}) {
+    std::string const tag(100, 't');  // kept up to 63 characters
+    std::string const cut = tag.substr(0, 63);
+    ULogPrinter printer(kModule, tag.c_str(), NSCam::Utils::ULog::DETAILS_INFO, "pre: ", false);
+    for (uint32_t mode : {0u, 1u, 2u, 8u, 3u, 4u}) {
         mSwitches.mode(mode);
         mLog.clear();
         mULog.clear();
         printer.printLine("line");
-        // Through either base, as the library and libutils callers hold it.
-        static_cast<android::Printer&>(printer).printFormatLine("n=%d", 7);
+        static_cast<android::Printer&>(printer).printFormatLine("n=%d", 7);  // either base
         static_cast<NSCam::IPrinter&>(printer).printFormatLine("m=%d", 8);
-
-        auto records = mLog.withTag(kTag);
-        if (mode & 1) {
-            ASSERT_EQ(3u, records.size()) << "mode " << mode;
-            EXPECT_EQ(ANDROID_LOG_INFO, records[0].priority);
-            EXPECT_EQ("pre: line", records[0].text);
-            EXPECT_EQ("pre: n=7", records[1].text);
-            EXPECT_EQ("pre: m=8", records[2].text);
-        } else {
-            EXPECT_TRUE(records.empty()) << "mode " << mode;
-        }
-        auto ulog = mULog.records();
-        if (mode & 0xA) {
-            ASSERT_EQ(3u, ulog.size()) << "mode " << mode;
-            EXPECT_EQ(kModule, ulog[0].module);
-            EXPECT_EQ(kTag, ulog[0].tag);
-            EXPECT_EQ(3u, ulog[0].level);
-            EXPECT_EQ("line", ulog[0].text);
-            EXPECT_EQ(4u, ulog[0].length);
-            EXPECT_EQ("n=7", ulog[1].text);
-            EXPECT_EQ("m=8", ulog[2].text);
-        } else {
-            EXPECT_TRUE(ulog.empty()) << "mode " << mode;
-        }
+        EXPECT_EQ(mode & 1 ? Texts({"pre: line", "pre: n=7", "pre: m=8"}) : Texts(),
+                  mLog.texts(cut))
+                << "mode " << mode;
+        for (auto const& record : mLog.withTag(cut)) EXPECT_EQ(ANDROID_LOG_INFO, record.priority);
+        Texts const sink = {"8002001 3 line 4", "8002001 3 n=7 3", "8002001 3 m=8 3"};
+        EXPECT_EQ(mode & 0xA ? sink : Texts(), sunk(cut)) << "mode " << mode;
     }
 }
 
-TEST_F(PlatformULogPrinter, LevelGivesThePriorityAndIsGatedByDetailsLevel) {
-    mSwitches.mode(1).mask(0xffffffff);
+// A level is shown from the same details level on, with the priority of its level; from 5 on
+// only when the mask selects the module (at least 0x100000, with a bit of 0xff000).
+TEST_F(PlatformULogPrinter, DetailsLevelAndMaskGateEachLevel) {
     int const priorities[] = {ANDROID_LOG_ERROR, ANDROID_LOG_WARN,  ANDROID_LOG_INFO,
                               ANDROID_LOG_DEBUG, ANDROID_LOG_DEBUG, ANDROID_LOG_VERBOSE,
                               ANDROID_LOG_DEBUG};
-    for (int level = 1; level <= 7; ++level) {
-        ULogPrinter printer(kModule, kTag, static_cast<DetailsType>(level), nullptr, false);
-        mSwitches.details(static_cast<uint32_t>(level - 1));
-        mLog.clear();
-        printer.printLine("below");
-        printer.printFormatLine("below %d", level);
-        mSwitches.details(static_cast<uint32_t>(level));
-        printer.printLine("at");
-        auto records = mLog.withTag(kTag);
-        ASSERT_EQ(1u, records.size()) << "level " << level;
-        EXPECT_EQ("at", records[0].text);
-        EXPECT_EQ(priorities[level - 1], records[0].priority) << "level " << level;
-    }
-}
-
-TEST_F(PlatformULogPrinter, DetailLevelsAlsoNeedTheModuleInTheMask) {
-    struct Case {
-        unsigned module;
-        uint32_t mask;
-        DetailsType level;
-        bool shown;
-    };
-    Case const cases[] = {
-            {kModule, 0, NSCam::Utils::ULog::DETAILS_DEBUG, true},  // below 5: no mask rule
-            {kModule, 0, NSCam::Utils::ULog::DETAILS_DETAILS, false},
-            {kModule, 0x8002000, NSCam::Utils::ULog::DETAILS_DETAILS, true},
-            {kModule, 0x0102000, NSCam::Utils::ULog::DETAILS_VERBOSE,
-             false},  // bit 0x100000 not in the module
-            {kModule, 0x8000000, NSCam::Utils::ULog::DETAILS_DETAILS, false},  // no bit of 0xff000
-            {kModule, 0x0002000, NSCam::Utils::ULog::DETAILS_DETAILS, false},  // below 0x100000
-            {0x0101000, 0xffffffff, NSCam::Utils::ULog::DETAILS_VERBOSE, true},
-            {0x0001001, 0xffffffff, NSCam::Utils::ULog::DETAILS_DETAILS, false},
-    };
-    mSwitches.mode(3).details(6);
-    for (Case const& c : cases) {
-        mSwitches.mask(c.mask);
-        mLog.clear();
-        mULog.clear();
-        ULogPrinter printer(c.module, kTag, c.level, nullptr, false);
-        printer.printLine("detail");
-        printer.printFormatLine("%s", "detail");
-        size_t const expected = c.shown ? 2 : 0;
-        EXPECT_EQ(expected, mLog.withTag(kTag).size())
-                << std::hex << "module " << c.module << " mask " << c.mask << " level " << c.level;
-        EXPECT_EQ(expected, mULog.records().size())
-                << std::hex << "module " << c.module << " mask " << c.mask << " level " << c.level;
+    uint32_t const cases[][3] = {// module, mask, shown from level 5 on
+                                 {kModule, 0xffffffff, 1},  {kModule, 0, 0},
+                                 {kModule, 0x8002000, 1},   {kModule, 0x0102000, 0},
+                                 {kModule, 0x8000000, 0},   {kModule, 0x0002000, 0},
+                                 {0x0101000, 0xffffffff, 1}};
+    mSwitches.mode(3);
+    for (auto const& [module, mask, shownFrom5] : cases) {
+        mSwitches.mask(mask);
+        for (uint32_t level = 1; level <= 7; ++level) {
+            ULogPrinter printer(module, kTag, static_cast<DetailsType>(level), nullptr, false);
+            mLog.clear();
+            mULog.clear();
+            mSwitches.details(level - 1);
+            printer.printLine("below");
+            printer.printFormatLine("below %u", level);
+            mSwitches.details(level);
+            printer.printLine("at");
+            printer.printFormatLine("at");
+            bool const shown = level < 5 || shownFrom5;
+            EXPECT_EQ(shown ? Texts({"at", "at"}) : Texts(), mLog.texts(kTag))
+                    << std::hex << "module " << module << " mask " << mask << " level " << level;
+            EXPECT_EQ(mLog.texts(kTag), mULog.texts(kTag));
+            for (auto const& record : mLog.withTag(kTag)) {
+                EXPECT_EQ(priorities[level - 1], record.priority) << "level " << level;
+            }
+        }
     }
 }
 
 TEST_F(PlatformULogPrinter, FormattedLinesAreCutTo1023WithTheFullLengthToTheSink) {
-    mSwitches.mode(3).details(3);
-    ULogPrinter printer(kModule, kTag, NSCam::Utils::ULog::DETAILS_INFO, "p:", false);
+    mSwitches.mode(2).details(3);
+    ULogPrinter printer(kModule, kTag, NSCam::Utils::ULog::DETAILS_INFO, nullptr, false);
     std::string const text(2000, 'a');
     printer.printFormatLine("%s", text.c_str());
-    auto ulog = mULog.records();
-    ASSERT_EQ(1u, ulog.size());
-    EXPECT_EQ(text.substr(0, 1023), ulog[0].text);
-    EXPECT_EQ(2000u, ulog[0].length);
-    auto records = mLog.withTag(kTag);
-    ASSERT_EQ(1u, records.size());
-    // liblog cuts the record further to its own buffer; the prefix comes first.
-    EXPECT_EQ(0u, records[0].text.rfind("p:aaaa", 0));
-
-    // printLine has no limit of its own.
-    mULog.clear();
-    printer.printLine(text.c_str());
-    ulog = mULog.records();
-    ASSERT_EQ(1u, ulog.size());
-    EXPECT_EQ(text, ulog[0].text);
-    EXPECT_EQ(2000u, ulog[0].length);
-}
-
-TEST_F(PlatformULogPrinter, FormatFailureGivesAnEmptyLineAndNullLinesAreSkipped) {
-    mSwitches.mode(3).details(3);
-    ULogPrinter printer(kModule, kTag, NSCam::Utils::ULog::DETAILS_INFO, nullptr, false);
-    // A wide character that the C locale cannot convert makes vsnprintf fail.
-    printer.printFormatLine("x%lsy", L"\u00e9");
+    printer.printLine(text.c_str());              // printLine has no limit of its own
+    printer.printFormatLine("x%lsy", L"\u00e9");  // vsnprintf fails in the C locale
     printer.printLine(nullptr);
-    auto ulog = mULog.records();
-    ASSERT_EQ(1u, ulog.size());
-    EXPECT_EQ("", ulog[0].text);
-    EXPECT_EQ(0u, ulog[0].length);
-    // An empty line reaches the Android log as a single blank.
-    EXPECT_EQ(std::vector<std::string>{" "}, mLog.texts(kTag));
+    EXPECT_EQ(Texts({"8002001 3 " + text.substr(0, 1023) + " 2000", "8002001 3 " + text + " 2000",
+                     "8002001 3  0"}),
+              sunk(kTag));
 }
-
-TEST_F(PlatformULogPrinter, TagIsCutTo63Characters) {
-    mSwitches.mode(3).details(3);
-    std::string const tag(100, 't');
-    ULogPrinter printer(kModule, tag.c_str(), NSCam::Utils::ULog::DETAILS_INFO, nullptr, false);
-    printer.printLine("x");
-    ASSERT_EQ(1u, mULog.records().size());
-    EXPECT_EQ(tag.substr(0, 63), mULog.records()[0].tag);
-    EXPECT_EQ(1u, mLog.withTag(tag.substr(0, 63)).size());
-}
-
-// --- android::LogPrinter -----------------------------------------------------------------------
 
 TEST(PlatformLogPrinter, WritesPrefixThenLineAndKeepsBlankLinesVisible) {
     korvtest::AndroidLogCapture log;
@@ -274,26 +164,14 @@ TEST(PlatformLogPrinter, WritesPrefixThenLineAndKeepsBlankLinesVisible) {
     printer.printLine("abc");
     printer.printLine("");
     printer.printFormatLine("%d-%s", 4, "x");
-    printer.printLine(nullptr);
+    printer.printLine(nullptr);  // reported under the printer's own tag, not printed
+    android::LogPrinter("korvtest-lp", ANDROID_LOG_WARN, "k:", true).printLine("");
+    android::LogPrinter("korvtest-lp", ANDROID_LOG_ERROR, nullptr).printLine("bare");
 
-    android::LogPrinter keepBlank("korvtest-lp", ANDROID_LOG_WARN, "k:", true);
-    keepBlank.printLine("");
-    android::LogPrinter noPrefix("korvtest-lp", ANDROID_LOG_ERROR, nullptr);
-    noPrefix.printLine("bare");
-
-    auto records = log.withTag("korvtest-lp");
-    ASSERT_EQ(5u, records.size());
-    EXPECT_EQ("p:abc", records[0].text);
-    EXPECT_EQ(ANDROID_LOG_WARN, records[0].priority);
-    EXPECT_EQ("p: ", records[1].text);
-    EXPECT_EQ("p:4-x", records[2].text);
-    EXPECT_EQ("k:", records[3].text);
-    EXPECT_EQ("bare", records[4].text);
-    EXPECT_EQ(ANDROID_LOG_ERROR, records[4].priority);
-    // The null line is reported, not printed.
-    auto warnings = log.withTag("qrvcam-printer");
-    ASSERT_EQ(1u, warnings.size());
-    EXPECT_EQ(ANDROID_LOG_WARN, warnings[0].priority);
+    EXPECT_EQ(Texts({"p:abc", "p: ", "p:4-x", "k:", "bare"}), log.texts("korvtest-lp"));
+    EXPECT_EQ(ANDROID_LOG_WARN, log.withTag("korvtest-lp")[0].priority);
+    EXPECT_EQ(ANDROID_LOG_ERROR, log.withTag("korvtest-lp")[4].priority);
+    EXPECT_EQ(1u, log.withTag("qrvcam-printer").size());
 }
 
 }  // namespace
