@@ -1,0 +1,424 @@
+// Reliability: the monitor, the handlers and the state dump under concurrent load (nothing lost,
+// nothing deadlocked, no thread or descriptor left), and the documented outcome of faults: out of
+// descriptors, over-long log lines, bad properties, a dump folder that fills up, then turns
+// read-only.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <korvalite/EpollMonitor.h>
+#include <korvalite/Korv_Dumpstate.h>
+#include <korvalite/SystemCall.h>
+#include <korvalite/Timer.h>
+#include <sys/eventfd.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <set>
+#include <sstream>
+#include <thread>
+
+#include "support/KorvTest.h"
+
+namespace NSCam {
+namespace NSKorvalite {
+namespace {
+
+using namespace std::chrono_literals;
+namespace fs = std::filesystem;
+
+// Waits compare with "at most" the baseline: under qemu-user a thread that was just joined can
+// still be listed when the baseline is taken.
+size_t threadCount() {
+    return std::distance(fs::directory_iterator("/proc/self/task"), fs::directory_iterator());
+}
+
+std::set<std::string> filesIn(std::string const& folder) {
+    std::set<std::string> names;
+    for (auto const& entry : fs::directory_iterator(folder)) names.insert(entry.path().filename());
+    return names;
+}
+
+std::string contentOf(std::string const& path) {
+    std::ostringstream text;
+    text << std::ifstream(path).rdbuf();
+    return text.str();
+}
+
+// A new monitor, running on a worker at normal priority (it would ask for SCHED_RR).
+std::pair<std::shared_ptr<EpollMonitor>, std::shared_ptr<ThreadLoopHandler>> start() {
+    auto monitor = std::static_pointer_cast<EpollMonitor>(IEpollMonitor::make("reliability"));
+    auto handler = ThreadLoopHandler::make();
+    handler->setThreadPriority(SCHED_OTHER, 0);
+    EXPECT_EQ(handler->run(monitor), 0);
+    return {monitor, handler};
+}
+
+// An eventfd whose values onEvent() adds up. A mover also moves itself from inside onEvent(): in
+// turns it switches its trigger mode and re-registers (detach, attach).
+class Counter : public IEventObserver {
+public:
+    explicit Counter(bool mover = false) : mMover(mover) {}
+    ~Counter() override { close(mFd); }
+    int getEventFD() const override { return mFd; }
+    void onEvent(OnEvent const& event) override {
+        uint64_t value = 0;
+        if (read(mFd, &value, sizeof(value)) == sizeof(value)) received += value;
+        if (mMover && ++mMoves % 2 == 0) {
+            event.monitor->detach(this);
+            event.monitor->attach(this, EPOLLIN);
+        } else if (mMover) {
+            event.monitor->modify(this, mMoves % 4 == 1 ? EPOLLIN | EPOLLET : EPOLLIN);
+        }
+    }
+    void add(uint64_t value) {
+        sent += value;
+        ASSERT_EQ(write(mFd, &value, sizeof(value)), 8);
+    }
+    bool drained() const { return received == sent; }
+
+    int const mFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    bool const mMover;
+    int mMoves = 0;  // the monitor's thread only
+    std::atomic<uint64_t> sent{0};
+    std::atomic<uint64_t> received{0};
+};
+
+// --- Faults (first: the forked child must start from a process without other threads) -------
+
+TEST(ReliabilityFaults, OutOfDescriptorsCreationsFailAndTheRunningMonitorGoesOn) {
+    auto child = korvtest::runInChild([] {
+        auto [monitor, handler] = start();
+        Counter counter;
+        monitor->attach(&counter, EPOLLIN);
+        // Dispatching before the limit: the undefined-behaviour checker needs a pipe to check an
+        // object's type at the first virtual call it sees on it.
+        counter.add(1);
+        korvtest::waitFor([&] { return counter.drained(); });
+        rlimit old;
+        getrlimit(RLIMIT_NOFILE, &old);
+        rlimit limit = old;
+        limit.rlim_cur = static_cast<rlim_t>(*korvtest::openFds().rbegin() + 1);
+        setrlimit(RLIMIT_NOFILE, &limit);
+        std::vector<int> filler;
+        for (int fd; (fd = open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0;) filler.push_back(fd);
+        unsigned long const tag = reinterpret_cast<unsigned long>(&filler);
+        printf("%d %d %d", System::EventFD(0, EFD_CLOEXEC | EFD_NONBLOCK, tag),
+               System::EPollCreate(1024, tag),
+               System::TimerFDCreate(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK, tag));
+        counter.add(5);
+        printf(" delivered=%d", korvtest::waitFor([&] { return counter.drained(); }));
+        for (int fd : filler) close(fd);
+        setrlimit(RLIMIT_NOFILE, &old);
+        printf(" stopped=%d\n", handler->requestExitAndWait());
+        monitor->detach(&counter);
+    });
+    ASSERT_TRUE(child.exited) << child.err;
+    EXPECT_EQ(child.out, "-24 -24 -24 delivered=1 stopped=0\n") << child.err;
+    for (std::string call : {"[EventFD] eventfd(0, 0x80800)", "[EPollCreate] epoll_create()",
+                             "[TimerFDCreate] timerfd_create()"}) {
+        EXPECT_NE(child.err.find(call + " return -1: err=-24(Too many open files)"),
+                  std::string::npos)
+                << child.err;
+    }
+}
+
+// The library's own lines pass a 1024-byte buffer on the ULog route: cut there, whole length.
+TEST(ReliabilityFaults, OverlongLogLinesAreCutInTheirBufferOnly) {
+    korvtest::ScopedSwitches switches;
+    switches.mode(0x2).details(3);
+    korvtest::ULogCapture ulog;
+    std::string const path = "/" + std::string(1500, 'a');
+    EXPECT_EQ(System::Open(path.c_str(), O_RDONLY, 0), -ENAMETOOLONG);
+    std::vector<korvtest::ULogRecord> const records = ulog.records();
+    ASSERT_EQ(records.size(), 2u);
+    std::string const texts[] = {"[Stat] stat(" + path + "): File name too long",
+                                 "[Open] Invalid device " + path + ": File name too long"};
+    for (size_t i = 0; i < records.size(); ++i) {
+        EXPECT_EQ(records[i].text, texts[i].substr(0, 1023));
+        EXPECT_EQ(records[i].length, texts[i].size());
+    }
+}
+
+constexpr int kFullDumpLines = 5000;  // more than the dump folder's file system holds
+
+void printManyLines(IPrinter* printer) {
+    for (int line = 0; line < kFullDumpLines; ++line) printer->printFormatLine("line %d", line);
+}
+
+// Run by the test below in a mount namespace of its own, with the properties it gives.
+TEST(ReliabilityChild, DISABLED_FullThenReadOnlyDumpFolder) {
+    char const* root = getenv("KORVTEST_MOUNT");
+    ASSERT_NE(root, nullptr);
+    if (mount("korvtest", root, "tmpfs", 0, "size=64k") != 0) {
+        printf("KORVTEST-SKIP mount: %s\n", strerror(errno));
+        return;
+    }
+    // The folder property is longer than a property value can be: its first 91 characters count.
+    std::string const folder = (std::string(root) + "/" + std::string(100, 'd')).substr(0, 91);
+    ASSERT_EQ(mkdir(folder.c_str(), 0770), 0);
+    for (int age = 0; age < 8; ++age) {  // a page each, "old0" the oldest
+        std::string const file = folder + "/old" + std::to_string(age);
+        std::ofstream(file) << std::string(4096, 'o');
+        timeval const times[2] = {{1000 + age, 0}, {1000 + age, 0}};
+        ASSERT_EQ(utimes(file.c_str(), times), 0);
+    }
+    korvtest::ScopedSwitches switches;
+    switches.mode(0x1).details(4);
+    korvtest::AndroidLogCapture log;
+    korv_dumpstate_set_dumpstate_callback(printManyLines);
+    std::string text;
+    std::vector<std::string> logged;
+    for (int line = 0; line < kFullDumpLines; ++line) {
+        logged.push_back("n line " + std::to_string(line));
+        text += logged.back() + "\n";
+    }
+
+    // Target 0 with an out-of-range target property: file, then log. The unparsable free-space
+    // settings leave 100 MiB and 75 %: the reservation deletes the 2 oldest of 8.
+    korv_dumpstate_params params{"full", "n", -1, 0, 0, {}};
+    korv_dumpstate(&params);
+    std::set<std::string> const files = filesIn(folder);
+    std::string const dumpFile = *files.begin();  // "korvalite_..." sorts before "old..."
+    EXPECT_EQ(dumpFile.rfind("korvalite_" + std::to_string(getpid()) + "_", 0), 0u);
+    EXPECT_EQ(std::set<std::string>(std::next(files.begin()), files.end()),
+              (std::set<std::string>{"old2", "old3", "old4", "old5", "old6", "old7"}));
+    EXPECT_EQ(log.count("korvalite-File", "Unlinked("), 2u);
+    std::string const written = contentOf(folder + "/" + dumpFile);
+    EXPECT_TRUE(!written.empty() && written.size() < text.size() && text.rfind(written, 0) == 0)
+            << written.size() << " bytes, not a proper prefix of the dump";
+    EXPECT_GE(log.count("korvalite-Printer", "[printLine] -1 returned from fprintf"), 1u);
+    EXPECT_EQ(log.count("korvalite", "[korv_dumpstate_to_file] fflush after dumpstate"), 1u);
+    EXPECT_EQ(log.texts("full"), logged);
+
+    // Read-only: the reservation's deletion fails silently, no file can be made, and the log
+    // takes the dump instead (target 7: file, with the log as fallback).
+    ASSERT_EQ(mount(nullptr, root, nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+    log.clear();
+    params.target = 7;
+    korv_dumpstate(&params);
+    EXPECT_EQ(filesIn(folder), files);
+    EXPECT_EQ(log.count("korvalite-File", "Unlinked("), 0u);
+    EXPECT_EQ(log.count("korvalite-File", "[openNewFile] Failed: fopen(" + folder + "/korvalite_"),
+              1u);
+    EXPECT_EQ(log.count("korvalite-File", "), err:30(Read-only file system)"), 1u);
+    EXPECT_EQ(log.texts("full"), logged);
+    korv_dumpstate_set_dumpstate_callback(nullptr);
+}
+
+TEST(ReliabilityFaults, DumpFolderThatFillsUpAndThenTurnsReadOnly) {
+    korvtest::TempDir mountPoint;
+    korvtest::PropertiesFile properties(
+            {{"persist.vendor.camera.korvalite.dumpfile.folder",
+              mountPoint.path() + "/" + std::string(100, 'd')},
+             {"persist.vendor.camera.korvalite.dumpfile.freespace", "1e3"},
+             {"persist.vendor.camera.korvalite.dumpfile.freepolicy", "50 percent"},
+             {"persist.vendor.camera.korvalite.dumpKorvaliteMgr", "4294967298"}});
+    auto child = korvtest::runChild(
+            {"/usr/bin/unshare", "-m", fs::read_symlink("/proc/self/exe"),
+             "--gtest_filter=ReliabilityChild.DISABLED_FullThenReadOnlyDumpFolder",
+             "--gtest_also_run_disabled_tests"},
+            {{"QRVCAM_PROPERTIES", properties.path()}, {"KORVTEST_MOUNT", mountPoint.path()}});
+    if (child.exitCode == 127 || child.err.find("unshare failed") != std::string::npos ||
+        child.out.find("KORVTEST-SKIP") != std::string::npos) {
+        GTEST_SKIP() << "no private mount namespace with a tmpfs here: " << child.out << child.err;
+    }
+    EXPECT_TRUE(child.exited && child.exitCode == 0) << child.out << child.err;
+    EXPECT_NE(child.out.find("[  PASSED  ] 1 test"), std::string::npos) << child.out;
+}
+
+// --- Stress ----------------------------------------------------------------------------------
+
+// Clients attach, modify and detach their counters while writers feed every counter, movers
+// re-register themselves from onEvent() and two periodic timers fire, all on one monitor. Every
+// value written arrives, stopped timers stay stopped, and no descriptor or thread is left.
+TEST(ReliabilityStress, EveryEventfdWriteArrivesWhileObserversAndTimersChurn) {
+    constexpr int kClients = 3, kOwn = 4, kRounds = 10000, kMovers = 4, kWrites = 100000;
+    korvtest::ScopedSwitches switches;
+    switches.details(2);
+    std::thread([] {}).join();  // a runtime's helper thread, if any, exists from here on
+    auto const fds = korvtest::openFds();
+    size_t const threads = threadCount();
+    auto [monitor, handler] = start();
+    std::vector<std::unique_ptr<Counter>> counters;
+    for (int i = 0; i < kClients * kOwn + kMovers; ++i) {
+        counters.push_back(std::make_unique<Counter>(i >= kClients * kOwn));
+        monitor->attach(counters.back().get(), EPOLLIN);
+    }
+    std::atomic<int> fired[2] = {0, 0};
+    std::vector<std::shared_ptr<Timer>> timers;
+    timespec const interval = {0, 1000000};
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    for (auto& count : fired) {
+        timers.push_back(std::make_shared<Timer>("churn", CLOCK_MONOTONIC, [c = &count] { ++*c; }));
+        monitor->attach(timers.back().get(), timers.back()->getEventType());
+        timers.back()->startTimerAbsoluteTime(&now, &interval);
+    }
+
+    std::vector<std::thread> workers;
+    for (int c = 0; c < kClients; ++c) {
+        workers.emplace_back([&, c, monitor = monitor] {
+            for (int round = 0; round < kRounds; ++round) {
+                Counter* own = counters[c * kOwn + round % kOwn].get();
+                monitor->detach(own);
+                monitor->attach(own, round % 3 ? EPOLLIN : EPOLLIN | EPOLLET);
+                if (round % 5 == 0) monitor->modify(own, EPOLLIN);
+            }
+        });
+    }
+    for (int w = 0; w < 2; ++w) {
+        workers.emplace_back([&, w] {
+            for (int i = 0; i < kWrites; ++i) {
+                counters[(i * 7 + w) % counters.size()]->add(i % 5 + 1);
+            }
+        });
+    }
+    for (auto& worker : workers) worker.join();
+    for (auto const& counter : counters) {
+        EXPECT_TRUE(korvtest::waitFor([&] { return counter->drained(); }, 60s))
+                << counter->received.load() << " of " << counter->sent.load();
+    }
+
+    // After stopTimer() a callback of a batch already collected may still come; once a value
+    // written afterwards has arrived, none.
+    for (auto const& timer : timers) timer->stopTimer();
+    auto roundTrip = [&] {
+        counters[0]->add(1);
+        EXPECT_TRUE(korvtest::waitFor([&] { return counters[0]->drained(); }));
+        return std::make_pair(fired[0].load(), fired[1].load());
+    };
+    auto const atStop = roundTrip();
+    EXPECT_EQ(roundTrip(), atStop);
+    EXPECT_TRUE(atStop.first > 0 && atStop.second > 0);
+
+    EXPECT_EQ(handler->requestExitAndWait(), 0);
+    for (auto const& counter : counters) monitor->detach(counter.get());
+    for (auto const& timer : timers) monitor->detach(timer.get());
+    timers.clear();
+    counters.clear();
+    handler.reset();
+    monitor.reset();
+    EXPECT_TRUE(korvtest::waitFor([&] { return threadCount() <= threads; }));
+    EXPECT_EQ(korvtest::openFds(), fds);
+}
+
+// Each running monitor is, at the same moment, asked to exit from one thread, waited for from a
+// second and restarted from a third, while its creator lets go of it. Every worker ends wherever
+// the last reference goes (a client or the worker itself), and takes the descriptors with it.
+TEST(ReliabilityStress, MonitorsStoppedRestartedAndDroppedFromSeveralThreadsAllEnd) {
+    korvtest::ScopedSwitches switches;
+    switches.details(2);
+    std::thread([] {}).join();
+    auto const fds = korvtest::openFds();
+    size_t const threads = threadCount();
+    std::vector<std::weak_ptr<EpollMonitor>> monitors;
+    std::vector<std::weak_ptr<ThreadLoopHandler>> handlers;
+    for (int i = 0; i < 200; ++i) {
+        auto [monitor, handler] = start();
+        monitors.push_back(monitor);
+        handlers.push_back(handler);
+        std::atomic<int> ready{0};
+        auto together = [&] {
+            for (ready++; ready < 4;) std::this_thread::yield();
+        };
+        std::thread exiter([&, h = handler] {
+            together();
+            h->requestExit();
+        });
+        std::thread waiter([&, h = handler] {
+            together();
+            EXPECT_EQ(h->requestExitAndWait(), 0);
+        });
+        std::thread restarter([&, h = handler, m = monitor] {
+            together();
+            int const result = h->run(m);
+            EXPECT_TRUE(result == 0 || result == -ENOSYS) << result;
+        });
+        together();
+        handler.reset();
+        monitor.reset();
+        for (auto* thread : {&exiter, &waiter, &restarter}) thread->join();
+    }
+    for (size_t i = 0; i < monitors.size(); ++i) {
+        // The worker lets go of the body first and of the handler just after: wait for both.
+        EXPECT_TRUE(korvtest::waitFor([&] { return monitors[i].expired(); })) << i;
+        EXPECT_TRUE(korvtest::waitFor([&] { return handlers[i].expired(); })) << i;
+    }
+    EXPECT_TRUE(korvtest::waitFor([&] { return threadCount() <= threads; }));
+    EXPECT_EQ(korvtest::openFds(), fds);
+}
+
+std::atomic<int> gEntered{0};
+std::mutex gReleaseMutex;
+std::shared_future<void> gReleased;  // guarded by gReleaseMutex; a fresh one per run of the test
+
+// Hangs until released, then prints which dump it was.
+void hangingProducer(IPrinter* printer) {
+    int const id = gEntered++;
+    std::shared_future<void> released;  // a copy: kept alive by whoever ends last
+    {
+        std::lock_guard<std::mutex> lock(gReleaseMutex);
+        released = gReleased;
+    }
+    released.wait_for(120s);
+    printer->printFormatLine("id=%d", id);
+}
+
+// Dumps overlap while their producer hangs: every caller is back, with its warning, before any
+// producer is released; then every worker ends and every dump has a file of its own.
+TEST(ReliabilityStress, ConcurrentDumpsWithAHangingProducer) {
+    constexpr int kDumps = 6;
+    // The dump folder is fixed at the process's first file dump: every run of this test (under
+    // --gtest_repeat too) uses the same one, emptied first.
+    static korvtest::TempDir const folder;
+    for (std::string const& name : filesIn(folder.path())) fs::remove(folder.path() + "/" + name);
+    korvtest::ScopedProperty folderProperty("persist.vendor.camera.korvalite.dumpfile.folder",
+                                            folder.path());
+    korvtest::ScopedProperty noReserve("persist.vendor.camera.korvalite.dumpfile.freespace", "-1");
+    korvtest::ScopedSwitches switches;
+    switches.mode(0x1).details(2);
+    korvtest::AndroidLogCapture log;
+    std::thread([] {}).join();
+    auto const fds = korvtest::openFds();
+    size_t const threads = threadCount();
+    std::promise<void> release;
+    gEntered = 0;
+    {
+        std::lock_guard<std::mutex> lock(gReleaseMutex);
+        gReleased = release.get_future().share();
+    }
+    korv_dumpstate_set_dumpstate_callback(hangingProducer);
+    std::vector<std::thread> callers;
+    for (int i = 0; i < kDumps; ++i) {
+        callers.emplace_back([] {
+            korv_dumpstate_params params{"stress", "c", 1000, 1, 0, {}};
+            korv_dumpstate(&params);
+        });
+        // Names have microsecond resolution: the next dump starts once this one has its file.
+        EXPECT_TRUE(korvtest::waitFor([&] { return gEntered == i + 1; }));
+    }
+    for (auto& caller : callers) caller.join();
+    EXPECT_EQ(log.count("korvalite", "[korv_dumpstate] Not finished in 1000 ms"), size_t{kDumps});
+    release.set_value();
+    EXPECT_TRUE(korvtest::waitFor([&] { return threadCount() <= threads; }, 60s));
+    korv_dumpstate_set_dumpstate_callback(nullptr);
+    std::set<std::string> expected, written;
+    for (int id = 0; id < kDumps; ++id) expected.insert("c id=" + std::to_string(id) + "\n");
+    for (std::string const& name : filesIn(folder.path())) {
+        written.insert(contentOf(folder.path() + "/" + name));
+    }
+    EXPECT_EQ(written, expected);
+    EXPECT_EQ(korvtest::openFds(), fds);
+}
+
+}  // namespace
+}  // namespace NSKorvalite
+}  // namespace NSCam
