@@ -60,7 +60,7 @@ test-sanitizers: test-asan test-tsan
 
 bench: deps-bench
 	cmake --preset default -DTOVRIX_BUILD_BENCH=ON
-	cmake --build --preset default -j $(JOBS)
+	cmake --build --preset default -j $(JOBS) --target korv_bench
 	./build/default/bench/korv_bench
 
 PREFIX ?= /usr/local
@@ -69,3 +69,43 @@ install: build
 
 clean:
 	rm -rf build
+
+# --- arm64: cross build, tests under qemu-aarch64-static (scripts/arm64/) ---------------------
+
+ARM64_PACKAGES := g++-aarch64-linux-gnu qemu-user-static libgtest-dev:arm64 libgmock-dev:arm64 \
+                  android-liblog-dev:arm64 android-libbacktrace-dev:arm64
+
+.PHONY: deps-arm64 test-arm64
+
+deps-arm64: deps
+	@dpkg --print-foreign-architectures | grep -qx arm64 || $(SUDO) dpkg --add-architecture arm64
+	$(call apt_install,$(ARM64_PACKAGES))
+
+test-arm64: deps-arm64
+	JOBS=$(JOBS) scripts/arm64/test.sh
+
+# --- vivid: device-call tests against the real V4L2 test driver in a VM (scripts/vivid/) --------
+
+VIVID_PACKAGES := qemu-system-x86 busybox-static cpio kmod file
+
+# As apt_install, without the recommended packages (qemu's would bring a desktop's worth).
+define apt_install_minimal
+	@missing=""; for p in $(1); do \
+	    dpkg-query -W -f='$${Status}' $$p 2>/dev/null | grep -q "install ok installed" \
+	        || missing="$$missing $$p"; \
+	done; \
+	if [ -n "$$missing" ]; then \
+	    echo "Installing:$$missing"; \
+	    $(SUDO) env DEBIAN_FRONTEND=noninteractive apt-get update -qq && \
+	    $(SUDO) env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq \
+	        --no-install-recommends $$missing; \
+	fi
+endef
+
+.PHONY: deps-vivid test-vivid
+
+deps-vivid: deps
+	$(call apt_install_minimal,$(VIVID_PACKAGES))
+
+test-vivid: deps-vivid
+	JOBS=$(JOBS) scripts/vivid/test.sh
