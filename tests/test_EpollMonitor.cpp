@@ -1,8 +1,7 @@
-// Event monitor: registration, the descriptor table and its texts, fatal paths, trace sections,
-// and the running side (dispatch, exit handshake, readyToRun, signals, re-entry, concurrency).
-// Where the order matters the monitor is stepped on the test thread (tryEpoll, handleEvents).
+// Event monitor: registration and its table, the state texts, fatal paths, trace sections, and the
+// running side (dispatch, exit handshake, readyToRun, signals, re-entry). Where the order matters
+// the monitor is stepped on the test thread. Concurrent use is left to the reliability tests.
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <korvalite/EpollMonitor.h>
@@ -10,7 +9,6 @@
 #include <signal.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
-#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -18,26 +16,24 @@
 #include <atomic>
 #include <climits>
 #include <fstream>
-#include <functional>
-#include <map>
-#include <memory>
-#include <set>
 #include <sstream>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "support/KorvTest.h"
 
-namespace NSCam {
-namespace NSKorvalite {
+namespace NSCam::NSKorvalite {
 namespace {
 
-// An eventfd of its own; onEvent() drains it, records what it got and runs `hook`.
-class FdObserver : public IEventObserver {
-public:
-    explicit FdObserver(int fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) : mFd(fd) {}
-    ~FdObserver() override { close(mFd); }
+using korvtest::waitFor;
+
+// A descriptor (its own eventfd unless given one, closed only if owned); onEvent() drains it,
+// records what it got and runs `hook`.
+struct FdObserver : IEventObserver {
+    explicit FdObserver(int fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC), bool owns = true)
+        : mFd(fd), mOwns(owns) {}
+    ~FdObserver() override {
+        if (mOwns) close(mFd);
+    }
     int getEventFD() const override { return mFd; }
     void onEvent(OnEvent const& event) override {
         uint64_t value;
@@ -51,27 +47,15 @@ public:
         uint64_t one = 1;
         ASSERT_EQ(write(mFd, &one, sizeof(one)), 8);
     }
-
     int const mFd;
+    bool const mOwns;
     std::function<void(OnEvent const&)> hook;  // set before attaching
     OnEvent last{};
     std::atomic<int> calls{0};
 };
 
-// Answers with a number it does not own.
-struct NumberObserver : IEventObserver {
-    explicit NumberObserver(int fd) : mFd(fd) {}
-    int getEventFD() const override { return mFd; }
-    void onEvent(OnEvent const&) override {}
-    int const mFd;
-};
-
 std::shared_ptr<EpollMonitor> makeMonitor(char const* name = "abc") {
     return std::static_pointer_cast<EpollMonitor>(IEpollMonitor::make(name));
-}
-
-void* ptr(IEventObserver* observer) {
-    return observer;
 }
 
 std::string addr(void const* p) {
@@ -80,12 +64,16 @@ std::string addr(void const* p) {
     return os.str();
 }
 
-// The epoll set as the kernel reports it: descriptor -> (events, user pointer).
-std::map<int, std::pair<uint32_t, void*>> epollSet(EpollMonitor const& monitor) {
+int epollFdOf(EpollMonitor const& monitor) {
     std::string config = monitor.toString_config();
-    std::ifstream in("/proc/self/fdinfo/" +
-                     std::to_string(std::stoi(config.substr(config.find(".mEpollFd=") + 10))));
-    std::map<int, std::pair<uint32_t, void*>> set;
+    return std::stoi(config.substr(config.find(".mEpollFd=") + 10));
+}
+
+// The epoll set as the kernel reports it: descriptor -> (events, user pointer).
+using EpollSet = std::map<int, std::pair<uint32_t, void*>>;
+EpollSet epollSet(EpollMonitor const& monitor) {
+    std::ifstream in("/proc/self/fdinfo/" + std::to_string(epollFdOf(monitor)));
+    EpollSet set;
     int fd;
     unsigned events;
     unsigned long long data;
@@ -97,219 +85,162 @@ std::map<int, std::pair<uint32_t, void*>> epollSet(EpollMonitor const& monitor) 
     return set;
 }
 
-// The id of this process's thread named `name`, or 0.
-int taskNamed(std::string const& name) {
-    int found = 0;
-    DIR* dir = opendir("/proc/self/task");
-    while (dirent* entry = dir != nullptr ? readdir(dir) : nullptr) {
-        std::ifstream in(std::string("/proc/self/task/") + entry->d_name + "/comm");
-        std::string comm;
-        if (std::getline(in, comm) && comm == name) found = atoi(entry->d_name);
-    }
-    if (dir != nullptr) closedir(dir);
-    return found;
+std::atomic<int> gSignals{0};
+
+// Sends SIGUSR1 to thread `tid` once it waits in epoll, and waits until it was handled.
+void interruptEpollWait(int tid) {
+    auto waiting = [&] {
+        std::ifstream in("/proc/self/task/" + std::to_string(tid) + "/wchan");
+        std::string function;
+        return in >> function && function == "do_epoll_wait";
+    };
+    int const before = gSignals;
+    ASSERT_TRUE(waitFor(waiting));
+    ASSERT_EQ(syscall(SYS_tgkill, getpid(), tid, SIGUSR1), 0);
+    ASSERT_TRUE(waitFor([&] { return gSignals > before; }));
 }
 
-bool inEpollWait(int tid) {
-    std::ifstream in("/proc/self/task/" + std::to_string(tid) + "/syscall");
-    long number = -1;
-    in >> number;
-    return number == SYS_epoll_wait || number == SYS_epoll_pwait || number == SYS_epoll_pwait2;
-}
-
-// A monitor on a handler thread with a name of its own; stopped, and its thread gone, at the end
-// of the scope.
-struct RunningMonitor {
-    explicit RunningMonitor(char const* name)
-        : monitor(makeMonitor(name)), thread("korv-mon-" + std::to_string(sNext++)) {
-        handler->setThreadName(thread);
-        EXPECT_EQ(handler->run(monitor), 0);
-    }
-    ~RunningMonitor() { stop(); }
-    int tid() const {
-        int tid = 0;
-        EXPECT_TRUE(korvtest::waitFor([&] { return (tid = taskNamed(thread)) != 0; }));
-        return tid;
-    }
-    void stop() {
-        if (!handler) return;
-        EXPECT_EQ(handler->requestExitAndWait(), 0);
-        handler.reset();
-        EXPECT_TRUE(korvtest::waitFor([&] { return taskNamed(thread) == 0; }));
-    }
-
-    static inline int sNext = 0;
-    std::shared_ptr<EpollMonitor> monitor;
-    std::string const thread;
-    std::shared_ptr<ThreadLoopHandler> handler = ThreadLoopHandler::make();
-};
-
-TEST(EpollMonitor, NamesFreshStateAndOwnDescriptors) {
+// One monitor through its registration history: descriptors 43 to 45 reproduce the documented
+// runtime text.
+TEST(EpollMonitor, RegistrationTableTextsAndDescriptors) {
     EXPECT_EQ(makeMonitor(nullptr)->getName(), "P2DrvEP-?");
-    FdObserver observer;
-    std::set<int> before = korvtest::openFds();
-    {
-        auto monitor = makeMonitor();
-        EXPECT_EQ(monitor->getName(), "P2DrvEP-abc");
-        EXPECT_EQ(monitor->toString_runtime(),
-                  "{ #attach=0 #detach=0 .mActive=1 .mFdObserverMap={ } }");
-        int eventFd = monitor->getEventFD();
-        EXPECT_EQ(monitor->toString_config().rfind("{ P2DrvEP-abc .mEpollFd=", 0), 0u);
-        EXPECT_NE(monitor->toString_config().find(" .mEventFd=" + std::to_string(eventFd) + " }"),
-                  std::string::npos);
-        EXPECT_TRUE(fcntl(eventFd, F_GETFL) & O_NONBLOCK);
-        EXPECT_TRUE(fcntl(eventFd, F_GETFD) & FD_CLOEXEC);
-        // Level-triggered, with the monitor's own observer side as user pointer; not in the table.
-        auto set = epollSet(*monitor);
-        ASSERT_EQ(set.size(), 1u);
-        EXPECT_EQ(set[eventFd], std::make_pair(uint32_t{EPOLLIN}, ptr(monitor.get())));
-        monitor->attach(&observer, EPOLLIN);
-    }
-    // An observer still attached is not the monitor's to close.
-    EXPECT_EQ(korvtest::openFds(), before);
-}
-
-TEST(EpollMonitor, TableKeepsHistoryAndFollowsTheEpollSet) {
-    auto monitor = makeMonitor();
-    FdObserver first;
-    NumberObserver second(first.mFd);
-    int fd = first.mFd;
-    std::string n = std::to_string(fd);
-
-    monitor->attach(&first, EPOLLIN);
-    EXPECT_EQ(epollSet(*monitor)[fd], std::make_pair(uint32_t{EPOLLIN}, ptr(&first)));
-    monitor->detach(&first);
-    EXPECT_EQ(epollSet(*monitor).count(fd), 0u);
-    EXPECT_EQ(monitor->toString_runtime(),
-              "{ #attach=1 #detach=1 .mActive=1 .mFdObserverMap={ detach=[ " + n + " ] } }");
-
-    // Observers are known by descriptor: another object with the same number takes the place.
-    monitor->attach(&first, EPOLLIN | EPOLLET);
-    monitor->modify(&second, EPOLLIN);
-    EXPECT_EQ(epollSet(*monitor)[fd], std::make_pair(uint32_t{EPOLLIN}, ptr(&second)));
-    EXPECT_EQ(monitor->determineFdObserverCount(), 1);
-    EXPECT_EQ(monitor->toString_runtime(),
-              "{ #attach=2 #detach=1 .mActive=1 .mFdObserverMap={ attach=[ (" + n + ", " +
-                      addr(&first) + ") ] } }");
-    monitor->detach(&second);
-    EXPECT_EQ(epollSet(*monitor).count(fd), 0u);
-
-    // Closed behind the monitor's back: the kernel dropped it already; the detach still counts.
-    korvtest::AndroidLogCapture log;
-    int other = eventfd(0, EFD_CLOEXEC);
-    NumberObserver closed(other);
-    monitor->attach(&closed, EPOLLIN);
-    close(other);
-    monitor->detach(&closed);
-    EXPECT_EQ(log.count("korvalite-EpollMonitor",
-                        "[operator()] EPOLL_CTL_DEL fd=" + std::to_string(other) +
-                                " err=-9(Bad file descriptor) (operator()){#275:"
-                                "src/utils/sys/EpollMonitor}"),
-              1u);
-    EXPECT_EQ(monitor->toString_runtime().rfind("{ #attach=3 #detach=3 .mActive=1 ", 0), 0u);
-}
-
-TEST(EpollMonitor, StateTextsAsDocumented) {
     for (int fd : {43, 44, 45}) {
         if (fcntl(fd, F_GETFD) != -1) GTEST_SKIP() << "descriptor " << fd << " is in use";
     }
-    auto monitor = makeMonitor();
-    std::vector<std::unique_ptr<FdObserver>> observers;
     for (int fd : {43, 44, 45}) {
         int source = eventfd(0, EFD_CLOEXEC);
         ASSERT_EQ(dup2(source, fd), fd);
         close(source);
-        observers.push_back(std::make_unique<FdObserver>(fd));
-        monitor->attach(observers.back().get(), EPOLLIN);
     }
-    monitor->detach(observers[0].get());
-    std::string runtime = "{ #attach=3 #detach=1 .mActive=1 .mFdObserverMap={ attach=[ (44, " +
-                          addr(observers[1].get()) + ") (45, " + addr(observers[2].get()) +
-                          ") ] detach=[ 43 ] } }";
-    EXPECT_EQ(monitor->toString_runtime(), runtime);  // the fatal tests below show dumpState()
-    EXPECT_EQ(EpollMonitor::toString_FdObserverMap({}), "{ }");
-    monitor->detach(observers[1].get());
-    monitor->detach(observers[2].get());
+    FdObserver a(43, false), b(44), c(45);
+    FdObserver sameAsB(44, false);  // observers are known by descriptor alone
+    auto entry = [](uint32_t events, IEventObserver* o) {
+        return std::make_pair(events, static_cast<void*>(o));
+    };
+    korvtest::AndroidLogCapture log;
+    std::set<int> before = korvtest::openFds();
+    before.erase(43);  // closed behind the monitor's back below
+    {
+        auto monitor = makeMonitor();
+        int const wake = monitor->getEventFD();
+        EXPECT_EQ(monitor->getName(), "P2DrvEP-abc");
+        EXPECT_EQ(monitor->toString_config(),
+                  "{ P2DrvEP-abc .mEpollFd=" + std::to_string(epollFdOf(*monitor)) +
+                          " .mEventFd=" + std::to_string(wake) + " }");
+        EXPECT_EQ(monitor->toString_runtime(),
+                  "{ #attach=0 #detach=0 .mActive=1 .mFdObserverMap={ } }");
+        EXPECT_TRUE((fcntl(wake, F_GETFL) & O_NONBLOCK) && (fcntl(wake, F_GETFD) & FD_CLOEXEC));
+        // Level-triggered, the monitor's own observer side as user pointer, not in the table.
+        EXPECT_EQ(epollSet(*monitor), (EpollSet{{wake, entry(EPOLLIN, monitor.get())}}));
+
+        monitor->attach(&a, EPOLLIN);
+        EXPECT_EQ(epollSet(*monitor)[43], entry(EPOLLIN, &a));
+        monitor->detach(&a);
+        EXPECT_EQ(epollSet(*monitor).count(43), 0u);
+        EXPECT_EQ(monitor->toString_runtime(),
+                  "{ #attach=1 #detach=1 .mActive=1 .mFdObserverMap={ detach=[ 43 ] } }");
+        monitor->attach(&b, EPOLLIN | EPOLLET);
+        monitor->modify(&sameAsB, EPOLLIN);  // changes the registration, not the table
+        EXPECT_EQ(epollSet(*monitor)[44], entry(EPOLLIN, &sameAsB));
+        monitor->attach(&c, EPOLLIN);
+        EXPECT_EQ(monitor->determineFdObserverCount(), 2);
+        EXPECT_EQ(monitor->toString_runtime(),
+                  "{ #attach=3 #detach=1 .mActive=1 .mFdObserverMap={ attach=[ (44, " + addr(&b) +
+                          ") (45, " + addr(&c) + ") ] detach=[ 43 ] } }");
+        monitor->detach(&sameAsB);
+        EXPECT_EQ(epollSet(*monitor).count(44), 0u);
+        monitor->attach(&a, EPOLLIN);
+
+        // Closed behind the monitor's back: the kernel dropped it already; the detach still counts.
+        close(43);
+        monitor->detach(&a);
+        EXPECT_EQ(log.count("korvalite-EpollMonitor",
+                            "[operator()] EPOLL_CTL_DEL fd=43 err=-9(Bad file descriptor) "
+                            "(operator()){#275:src/utils/sys/EpollMonitor}"),
+                  1u);
+        EXPECT_EQ(monitor->toString_runtime().rfind("{ #attach=4 #detach=3 .mActive=1 ", 0), 0u);
+    }
+    EXPECT_EQ(korvtest::openFds(), before);  // c, still attached, is not the monitor's to close
 }
 
-// Fatal paths: the documented lines, then the state dump, then the assertion. The child is forked
-// without exec, so objects made here have the same addresses there.
-void expectAbort(std::function<void(EpollMonitor&)> const& body,
-                 std::vector<std::string> const& lines) {
-    korvtest::ChildResult result = korvtest::runInChild([&] { body(*makeMonitor()); });
+// Fatal paths: the documented lines in order, the assertion last. The child is forked without
+// exec, so objects made here have the same addresses there.
+void expectAbort(std::function<void()> const& body, std::vector<std::string> const& lines) {
+    korvtest::ChildResult result = korvtest::runInChild(body);
     EXPECT_EQ(result.signal, SIGABRT) << result.err;
+    // qemu-user adds a line of its own about the signal.
+    std::string err = result.err.substr(0, result.err.find("qemu: uncaught target signal"));
     size_t at = 0;
     for (std::string const& line : lines) {
-        at = result.err.find(line, at);
-        ASSERT_NE(at, std::string::npos) << "missing, or out of order: " << line << "\n"
-                                         << result.err;
+        at = err.find(line, at);
+        ASSERT_NE(at, std::string::npos) << "missing, or out of order: " << line << "\n" << err;
     }
-    // The assertion is the end: liblog prints its message once bare, then as a record.
-    EXPECT_EQ(result.err.find('\n', result.err.find(lines.back(), at + 1)), result.err.size() - 1)
-            << result.err;
+    // liblog prints the assertion's message once bare, then as a record: nothing after that.
+    EXPECT_EQ(err.find('\n', err.find(lines.back(), at + 1)), err.size() - 1) << err;
 }
 
-TEST(EpollMonitorDeath, RegistrationFaults) {
+std::string source(char const* function, int line) {
+    return std::string(" (") + function + "){#" + std::to_string(line) +
+           ":src/utils/sys/EpollMonitor}\n";
+}
+
+TEST(EpollMonitorDeath, Faults) {
     FdObserver first;
-    NumberObserver second(first.mFd);
-    std::string fd = std::to_string(first.mFd);
+    FdObserver second(first.mFd, false);
+    FdObserver unknown(555, false);
+    std::string const fd = std::to_string(first.mFd);
+    // The descriptor limit lets the monitor open `allowed` more descriptors.
+    auto withDescriptors = [](int allowed) {
+        int lowest = dup(0);
+        close(lowest);
+        rlimit limit{static_cast<rlim_t>(lowest + allowed), static_cast<rlim_t>(lowest + allowed)};
+        setrlimit(RLIMIT_NOFILE, &limit);
+        makeMonitor();
+    };
+    expectAbort([&] { withDescriptors(0); },
+                {"[EpollMonitor] Failed on create epoll fd:-24" + source("EpollMonitor", 144)});
+    expectAbort([&] { withDescriptors(1); },
+                {"[EpollMonitor] Failed on create event fd:-24" + source("EpollMonitor", 150)});
+
     expectAbort(
-            [&](EpollMonitor& monitor) {
-                monitor.attach(&first, EPOLLIN);
-                monitor.attach(&second, EPOLLIN);
+            [&] {
+                auto monitor = makeMonitor();
+                monitor->attach(&first, EPOLLIN);
+                monitor->attach(&second, EPOLLIN);
             },
             {"attach(" + fd + ", " + addr(&second) + ") has existed\n",
              "attachP2DrvEP-abc: logv:0 { P2DrvEP-abc .mEpollFd=",
              "attach    { #attach=2 #detach=0 .mActive=1 .mFdObserverMap={ attach=[ (" + fd + ", " +
                      addr(&first) + ") ] } }\n",
-             "[attach] FATAL (attach){#225:src/utils/sys/EpollMonitor}\n"});
-
-    NumberObserver unknown(555);
+             "[attach] FATAL" + source("attach", 225)});
     expectAbort(
-            [&](EpollMonitor& monitor) { monitor.detach(&unknown); },
+            [&] { makeMonitor()->detach(&unknown); },
             {"detach(555, " + addr(&unknown) + ") not found\n", "detachP2DrvEP-abc: logv:0 {",
              "detach    { #attach=0 #detach=0 .mActive=1 .mFdObserverMap={ detach=[ 555 ] } }\n",
-             "[detach] FATAL (detach){#283:src/utils/sys/EpollMonitor}\n"});
-    expectAbort(
-            [&](EpollMonitor& monitor) {
-                monitor.attach(&first, EPOLLIN);
-                monitor.detach(&first);
-                monitor.detach(&first);
-            },
-            {"detach(" + fd + ", " + addr(&first) + ") not found\n",
-             "detach    { #attach=1 #detach=1 .mActive=1 .mFdObserverMap={ detach=[ " + fd +
-                     " ] } }\n",
-             "[detach] FATAL (detach){#283:src/utils/sys/EpollMonitor}\n"});
-
-    expectAbort([&](EpollMonitor& monitor) { monitor.modify(&first, EPOLLIN); },
+             "[detach] FATAL" + source("detach", 283)});
+    expectAbort([&] { makeMonitor()->modify(&first, EPOLLIN); },
                 {"modifyP2DrvEP-abc: logv:0 {",
                  "modify    { #attach=0 #detach=0 .mActive=1 .mFdObserverMap={ } }\n",
-                 "[modify] FATAL (modify){#249:src/utils/sys/EpollMonitor}\n"});
-}
+                 "[modify] FATAL" + source("modify", 249)});
 
-TEST(EpollMonitorDeath, LoopFaults) {
-    FdObserver observer;
-    observer.hook = [](IEventObserver::OnEvent const&) { fprintf(stderr, "dispatched\n"); };
+    first.hook = [](IEventObserver::OnEvent const&) { fprintf(stderr, "dispatched\n"); };
     expectAbort(
-            [&](EpollMonitor& monitor) {
+            [&] {  // the entries before the null one are dispatched
                 epoll_event events[3] = {};
-                events[0].data.ptr = static_cast<IEventObserver*>(&observer);
-                events[2].data.ptr = static_cast<IEventObserver*>(&observer);
-                monitor.handleEvents(events, 3);
+                events[0].data.ptr = events[2].data.ptr = static_cast<IEventObserver*>(&first);
+                makeMonitor()->handleEvents(events, 3);
             },
-            {"dispatched\n",
-             "[handleEvents] Bad observer (handleEvents){#475:src/utils/sys/EpollMonitor}\n"});
+            {"dispatched\n", "[handleEvents] Bad observer" + source("handleEvents", 475)});
     expectAbort(
-            [](EpollMonitor& monitor) {
-                std::string config = monitor.toString_config();
-                // A file that is no epoll instance, under the monitor's epoll descriptor.
-                dup2(open("/dev/null", O_RDONLY), std::stoi(config.substr(config.find("Fd=") + 3)));
-                monitor.tryEpoll(0);
+            [] {  // a file that is no epoll instance, under the monitor's epoll descriptor
+                auto monitor = makeMonitor();
+                dup2(open("/dev/null", O_RDONLY), epollFdOf(*monitor));
+                monitor->tryEpoll(0);
             },
-            {"[tryEpoll] err=-22(Invalid argument) (tryEpoll){#416:src/utils/sys/EpollMonitor}\n"});
+            {"[tryEpoll] err=-22(Invalid argument)" + source("tryEpoll", 416)});
 }
 
-// The trace bits are read when the library loads, so a child process with the bits set runs the
+// The trace bits are read when the library loads, so child processes with bits set run the
 // sections; the names and their nesting are compared here.
 TEST(EpollMonitorTrace, DISABLED_Child) {
     auto monitor = makeMonitor();
@@ -327,29 +258,42 @@ TEST(EpollMonitorTrace, DISABLED_Child) {
 }
 
 TEST(EpollMonitorTrace, SectionsCountersAndSlices) {
-    korvtest::TempDir dir;
-    std::string marker = dir.path() + "/trace";
-    korvtest::ChildResult child =
-            korvtest::runSelfChild("EpollMonitorTrace.DISABLED_Child",
-                                   {{"persist.vendor.camera.korvalite.tracebits", "0x3000007410"},
-                                    {"debug.atrace.tags.enableflags", "0x400"},
-                                    {"debug.atrace.marker_file", marker}});
-    ASSERT_TRUE(child.exited && child.exitCode == 0) << child.err;
     int fd = -1;
     int wake = -1;
-    ASSERT_EQ(sscanf(child.out.substr(child.out.find("fds ")).c_str(), "fds %d %d", &fd, &wake), 2);
-    std::string n = std::to_string(fd);
+    auto traced = [&](char const* bits) {
+        korvtest::TempDir dir;
+        std::string marker = dir.path() + "/trace";
+        korvtest::ChildResult child =
+                korvtest::runSelfChild("EpollMonitorTrace.DISABLED_Child",
+                                       {{"persist.vendor.camera.korvalite.tracebits", bits},
+                                        {"debug.atrace.tags.enableflags", "0x400"},
+                                        {"debug.atrace.marker_file", marker}});
+        EXPECT_TRUE(child.exited && child.exitCode == 0) << child.err;
+        sscanf(child.out.substr(child.out.find("fds ")).c_str(), "fds %d %d", &fd, &wake);
+        std::vector<std::string> events;  // without the process id
+        for (std::string const& line : korvtest::readLines(marker)) {
+            size_t pid = line.find('|');
+            size_t rest = line.find('|', pid + 1);
+            events.push_back(line.substr(0, pid) +
+                             (rest == std::string::npos ? "" : line.substr(rest)));
+        }
+        return events;
+    };
+    // detach answers to bit 14 alone, attach and modify to bit 10 alone.
+    EXPECT_EQ(traced("0x4000"), (std::vector<std::string>{"B|P2DrvEP-abc::detachObserver",
+                                                          "B|fetch observer", "E", "E"}));
+    std::vector<std::string> const events = traced("0x3000003410");
+    std::string const n = std::to_string(fd);
     // One monitor operation a line.
     // clang-format off
-    std::vector<std::string> expected = {
+    std::vector<std::string> const expected = {
             "B|EpollMonitor", "E",
             "B|P2DrvEP-abc::attachObserver", "B|fetch_add", "E",
                     "C|P2DrvEP-abc-#FdObserverCount|1", "B|fetch observer", "E",
                     "S|P2DrvEP-abc-FdObserver|" + n, "E",
             "B|P2DrvEP-abc::modifyObserver", "E",
             "B|tryEpoll", "B|handleEvents", "B|NOTIFY_READY fd:" + n, "E", "E", "E",
-            "B|P2DrvEP-abc::detachObserver", "B|fetch observer", "E",
-                    "C|P2DrvEP-abc-#FdObserverCount|0", "F|P2DrvEP-abc-FdObserver|" + n, "E",
+            "C|P2DrvEP-abc-#FdObserverCount|0", "F|P2DrvEP-abc-FdObserver|" + n,
             "B|P2DrvEP-abc::requestExit", "B|sendInterruptEvent", "E", "E",
             "B|tryEpoll", "B|handleEvents", "B|NOTIFY_READY fd:" + std::to_string(wake),
                     "B|isInterruptEvent", "E", "E", "E", "E",
@@ -359,280 +303,143 @@ TEST(EpollMonitorTrace, SectionsCountersAndSlices) {
             "B|", "B|sendInterruptEvent", "E", "E",
             "B|~EpollMonitor", "E"};
     // clang-format on
-    std::vector<std::string> events;
-    for (std::string const& line : korvtest::readLines(marker)) {
-        size_t pid = line.find('|');
-        size_t rest = line.find('|', pid + 1);
-        events.push_back(line.substr(0, pid) +
-                         (rest == std::string::npos ? "" : line.substr(rest)));
-    }
     EXPECT_EQ(events, expected);
 }
 
-// --- Running ---------------------------------------------------------------------------------
+// readyToRun() applies the policy and priority of the properties only when the handler gave
+// neither and the thread is not one of the customer's; the platform's per-thread settings always.
+TEST(EpollMonitor, ReadyToRunPolicy) {
+    korvtest::AndroidLogCapture log;
+    auto monitor = makeMonitor("abc");
+    int const ownNice = getpriority(PRIO_PROCESS, static_cast<id_t>(gettid()));
+    {  // Here SCHED_OTHER at nice 6.
+        korvtest::ScopedProperty policy("persist.vendor.camera.korvalite.EpollMonitor.threadpolicy",
+                                        "0");
+        korvtest::ScopedProperty priority(
+                "persist.vendor.camera.korvalite.EpollMonitor.threadpriority", "6");
+        struct Case {
+            char const* uad;
+            IThreadLoop::ReadyToRun record;
+            int nice;
+        } const cases[] = {
+                {"0", {"", INT_MIN, INT_MIN}, 6},
+                {"0", {"named", SCHED_OTHER, INT_MIN}, ownNice},  // given: the handler's business
+                {"0", {"named", INT_MIN, 3}, ownNice},
+                {"0", {"x-P2DrvEP-y", INT_MIN, INT_MIN}, 6},
+                {"1", {"x-P2DrvEP-y", INT_MIN, INT_MIN}, ownNice},  // the customer's threads
+                {"1", {"", INT_MIN, INT_MIN}, 6},
+        };
+        for (Case const& c : cases) {
+            korvtest::ScopedProperty uad("debug.qrvcam.uad.enable", c.uad);
+            log.clear();
+            std::thread([&] {
+                EXPECT_EQ(monitor->readyToRun(c.record), 0);
+                EXPECT_EQ(sched_getscheduler(0), SCHED_OTHER);
+                EXPECT_EQ(getpriority(PRIO_PROCESS, static_cast<id_t>(gettid())), c.nice)
+                        << c.uad << " " << c.record.threadName;
+            }).join();
+            std::string name = c.record.threadName.empty() ? "P2DrvEP-abc" : c.record.threadName;
+            EXPECT_EQ(log.count("qrvcam-perfctrl", "customizeThreadReadyToRun(name=" + name + ","),
+                      1u);
+        }
+    }
+    // Without properties: SCHED_RR at 1 (the platform says so where it is not granted).
+    std::thread([&] {
+        monitor->readyToRun(IThreadLoop::ReadyToRun{"", INT_MIN, INT_MIN});
+        sched_param param{};
+        sched_getparam(0, &param);
+        EXPECT_TRUE((sched_getscheduler(0) == SCHED_RR && param.sched_priority == 1) ||
+                    log.count("qrvcam-utils", "setThreadPriority(policy=2, priority=1)") == 1);
+    }).join();
+}
 
-TEST(EpollMonitorLoop, DispatchOnTheLoopThreadAndExitHandshake) {
+// The running side, first on a thread of its own as a handler runs it, then stepped on the test
+// thread: an interrupted wait (-2) does not end the loop; observers are called on the loop's
+// thread and may re-register themselves from onEvent(); the loop ends after the batch that
+// carries the wake-up of requestExit(), and such a batch is dispatched whole.
+TEST(EpollMonitor, LoopDispatchReentryAndExitHandshake) {
     korvtest::ScopedSwitches switches;
     switches.details(3);
     korvtest::AndroidLogCapture log;
-    FdObserver observer;
-    RunningMonitor running("loop");
-    std::string seenOn;
-    observer.hook = [&](IEventObserver::OnEvent const&) {
-        char name[16] = {};
-        prctl(PR_GET_NAME, name, 0, 0, 0);
-        seenOn = name;
+    auto logged = [&](std::string const& text) {
+        return log.count("korvalite-EpollMonitor", text);
     };
-    running.monitor->attach(&observer, EPOLLIN);
-    observer.signal();
-    ASSERT_TRUE(korvtest::waitFor([&] { return observer.calls == 1; }));
-    EXPECT_EQ(observer.last.monitor, static_cast<IEpollMonitor*>(running.monitor.get()));
-    EXPECT_EQ(observer.last.events, uint32_t{EPOLLIN});
-    EXPECT_EQ(seenOn, running.thread);
-    running.monitor->detach(&observer);
-
-    running.stop();
-    // One wake-up, drained by the loop, whose last line shows it stopped.
-    EXPECT_EQ(log.count("korvalite-EpollMonitor", "[isInterruptEvent] P2DrvEP-loop: 0x40"), 1u);
-    std::string config = running.monitor->toString_config();
-    EXPECT_EQ(log.count("korvalite-EpollMonitor", "[threadLoop] + " + config + " { #attach="), 1u);
-    EXPECT_EQ(log.count("korvalite-EpollMonitor",
-                        "[threadLoop] - " + config +
-                                " { #attach=1 #detach=1 .mActive=0 .mFdObserverMap={ detach=[ " +
-                                std::to_string(observer.mFd) + " ] } }"),
-              1u);
-    uint64_t value;
-    EXPECT_EQ(read(running.monitor->getEventFD(), &value, sizeof(value)), -1);
-}
-
-TEST(EpollMonitorLoop, ExitRequestedBeforeTheThreadStarts) {
-    korvtest::AndroidLogCapture log;
-    auto monitor = makeMonitor("early");
-    auto handler = ThreadLoopHandler::make();
-    handler->setThreadName("korv-early");
-    monitor->requestExit();
-    ASSERT_EQ(handler->run(monitor), 0);
-    ASSERT_TRUE(korvtest::waitFor([&] { return handler->exitPending(); }));
-    EXPECT_EQ(log.count("qrvcam-perfctrl", "customizeThreadReadyToRun(name=korv-early,"), 1u);
-    // The loop never waited: the wake-up is still there.
-    uint64_t value = 0;
-    EXPECT_EQ(read(monitor->getEventFD(), &value, sizeof(value)), 8);
-    EXPECT_EQ(value, 64u);
-    EXPECT_TRUE(korvtest::waitFor([] { return taskNamed("korv-early") == 0; }));
-}
-
-TEST(EpollMonitorLoop, SteppedBatchesWakeUpDrainAndVerboseLines) {
-    korvtest::AndroidLogCapture log;
     std::shared_ptr<EpollMonitor> monitor;
     {
         korvtest::ScopedProperty logv("persist.vendor.camera.korvalite.EpollMonitor.logv", "1");
-        monitor = makeMonitor("step");
+        monitor = makeMonitor("loop");
     }
     FdObserver observer;
-    std::string fd = std::to_string(observer.mFd);
+    std::string const fd = std::to_string(observer.mFd);
+    int seenOn = 0;
+    observer.hook = [&](IEventObserver::OnEvent const& event) {
+        seenOn = static_cast<int>(gettid());
+        event.monitor->modify(&observer, EPOLLIN | EPOLLET);
+        event.monitor->detach(&observer);
+        event.monitor->attach(&observer, EPOLLIN);
+    };
     monitor->attach(&observer, EPOLLIN);
     EXPECT_EQ(monitor->tryEpoll(0), 0);
 
-    // The batch that carries the wake-up is dispatched whole.
+    auto previous = signal(SIGUSR1, [](int) { gSignals++; });  // epoll_wait is never restarted
+    std::atomic<int> tid{0};
+    int interrupted = 0;
+    std::thread loop([&] {
+        tid = static_cast<int>(gettid());
+        interrupted = monitor->tryEpoll(-1);
+        EXPECT_FALSE(monitor->threadLoop());
+    });
+    EXPECT_TRUE(waitFor([&] { return tid != 0; }));
+    interruptEpollWait(tid);  // the first wait
+    interruptEpollWait(tid);  // the loop's
+    for (int i = 1; i <= 100; ++i) {
+        observer.signal();
+        ASSERT_TRUE(waitFor([&] { return observer.calls == i; }));  // no deadlock
+    }
+    EXPECT_EQ(observer.last.monitor, static_cast<IEpollMonitor*>(monitor.get()));
+    EXPECT_EQ(observer.last.events, uint32_t{EPOLLIN});
+    EXPECT_EQ(seenOn, tid);
+    monitor->requestExit();
+    loop.join();
+    signal(SIGUSR1, previous);
+    EXPECT_EQ(interrupted, -2);
+    // One wake-up, drained by the loop, whose last line shows it stopped.
+    EXPECT_EQ(logged("[isInterruptEvent] P2DrvEP-loop: 0x40"), 1u);
+    uint64_t value;
+    EXPECT_EQ(read(monitor->getEventFD(), &value, sizeof(value)), -1);
+    std::string const config = monitor->toString_config();
+    EXPECT_EQ(logged("[threadLoop] + " + config + " { #attach="), 1u);
+    EXPECT_EQ(logged("[threadLoop] - " + config +
+                     " { #attach=101 #detach=100 .mActive=0 "
+                     ".mFdObserverMap={ attach=[ (" +
+                     fd + ", " + addr(&observer) + ") ] } }"),
+              1u);
+    EXPECT_EQ(logged("[attach] (" + fd + ", " + addr(&observer) + ")"), 101u);
+    EXPECT_EQ(logged("[handleEvents] + fd=" + fd + " events=0x1 observer=" + addr(&observer) +
+                     " { P2DrvEP-loop "),
+              100u);
+    EXPECT_EQ(logged("[handleEvents] - fd=" + fd + " events=0x1"), 100u);
+
+    // Stopped: the batch that carries the wake-up is still dispatched whole, and the loop
+    // returns without waiting.
     observer.signal();
     monitor->requestExit();
     EXPECT_EQ(monitor->tryEpoll(-1), 1);
-    EXPECT_EQ(observer.calls, 1);
-    EXPECT_EQ(log.count("korvalite-EpollMonitor", "[isInterruptEvent] P2DrvEP-step: 0x40"), 1u);
-    EXPECT_FALSE(monitor->threadLoop());  // stopped: returns without waiting
-    for (std::string line : {"[attach] (" + fd + ", " + addr(&observer) + ")",
-                             "[handleEvents] + fd=" + fd +
-                                     " events=0x1 observer=" + addr(&observer) + " { P2DrvEP-step ",
-                             "[handleEvents] - fd=" + fd + " events=0x1"}) {
-        EXPECT_EQ(log.count("korvalite-EpollMonitor", line), 1u) << line;
-    }
-
+    EXPECT_EQ(observer.calls, 101);
+    EXPECT_EQ(logged("[isInterruptEvent] P2DrvEP-loop: 0x40"), 2u);
+    EXPECT_FALSE(monitor->threadLoop());
     // Only EPOLLIN drains, all requests at once; a drain that finds nothing says so.
     monitor->requestExit();
     monitor->requestExit();
     EXPECT_FALSE(monitor->isInterruptEvent(EPOLLERR | EPOLLHUP));
     EXPECT_TRUE(monitor->isInterruptEvent(EPOLLIN));
-    EXPECT_EQ(log.count("korvalite-EpollMonitor", "[isInterruptEvent] P2DrvEP-step: 0x80"), 1u);
+    EXPECT_EQ(logged("[isInterruptEvent] P2DrvEP-loop: 0x80"), 1u);
     EXPECT_FALSE(monitor->isInterruptEvent(EPOLLIN));
-    EXPECT_EQ(log.count("korvalite-EpollMonitor", "[isInterruptEvent] P2DrvEP-step: read(" +
-                                                          std::to_string(monitor->getEventFD()) +
-                                                          ") returns -11 != 8"),
+    EXPECT_EQ(logged("[isInterruptEvent] P2DrvEP-loop: read(" +
+                     std::to_string(monitor->getEventFD()) + ") returns -11 != 8"),
               1u);
     monitor->detach(&observer);
 }
 
-TEST(EpollMonitorLoop, ReadyToRunPolicy) {
-    korvtest::AndroidLogCapture log;
-    auto monitor = makeMonitor("abc");
-    auto niceAfter = [&](IThreadLoop::ReadyToRun const& record) {
-        int nice = 0;
-        std::thread([&] {
-            EXPECT_EQ(monitor->readyToRun(record), 0);
-            EXPECT_EQ(sched_getscheduler(0), SCHED_OTHER);
-            nice = getpriority(PRIO_PROCESS, static_cast<id_t>(gettid()));
-        }).join();
-        return nice;
-    };
-    int const ownNice = getpriority(PRIO_PROCESS, static_cast<id_t>(gettid()));
-    {
-        // The defaults come from the properties: here SCHED_OTHER at nice 6.
-        korvtest::ScopedProperty policy("persist.vendor.camera.korvalite.EpollMonitor.threadpolicy",
-                                        "0");
-        korvtest::ScopedProperty priority(
-                "persist.vendor.camera.korvalite.EpollMonitor.threadpriority", "6");
-        EXPECT_EQ(niceAfter({"", INT_MIN, INT_MIN}), 6);
-        EXPECT_EQ(log.count("qrvcam-perfctrl", "customizeThreadReadyToRun(name=P2DrvEP-abc, "), 1u);
-        EXPECT_EQ(niceAfter({"named", SCHED_OTHER, INT_MIN}), ownNice);  // the handler's business
-        EXPECT_EQ(log.count("qrvcam-perfctrl", "customizeThreadReadyToRun(name=named, "), 1u);
-
-        korvtest::ScopedProperty uad("debug.qrvcam.uad.enable", "1");
-        EXPECT_EQ(niceAfter({"x-P2DrvEP-y", INT_MIN, INT_MIN}), ownNice);  // customer's threads
-        EXPECT_EQ(niceAfter({"other", INT_MIN, INT_MIN}), 6);
-    }
-    // Without properties: SCHED_RR at 1, where this machine grants real-time scheduling.
-    std::thread([&] {
-        sched_param param{};
-        param.sched_priority = 1;
-        if (sched_setscheduler(0, SCHED_RR, &param) != 0) return;
-        param.sched_priority = 0;
-        ASSERT_EQ(sched_setscheduler(0, SCHED_OTHER, &param), 0);  // the monitor is to change it
-        monitor->readyToRun(IThreadLoop::ReadyToRun{"", INT_MIN, INT_MIN});
-        sched_getparam(0, &param);
-        EXPECT_EQ(sched_getscheduler(0), SCHED_RR);
-        EXPECT_EQ(param.sched_priority, 1);
-    }).join();
-}
-
-std::atomic<int> gSignals{0};
-
-TEST(EpollMonitorLoop, SignalDoesNotEndTheLoop) {
-    struct sigaction action {};
-    struct sigaction previous {};
-    gSignals = 0;
-    action.sa_handler = [](int) { gSignals++; };
-    ASSERT_EQ(sigaction(SIGUSR1, &action, &previous), 0);  // no SA_RESTART
-    auto monitor = makeMonitor("sig");
-    std::atomic<int> tid{0};
-    int result = 0;
-    std::thread waiter([&] {
-        tid = static_cast<int>(gettid());
-        result = monitor->tryEpoll(-1);
-    });
-    ASSERT_TRUE(korvtest::waitFor([&] { return tid != 0 && inEpollWait(tid); }));
-    ASSERT_EQ(syscall(SYS_tgkill, getpid(), tid.load(), SIGUSR1), 0);
-    waiter.join();
-    EXPECT_EQ(result, -2);
-    {
-        FdObserver observer;
-        RunningMonitor running("sig-loop");
-        int loop = running.tid();
-        ASSERT_TRUE(korvtest::waitFor([&] { return inEpollWait(loop); }));
-        ASSERT_EQ(syscall(SYS_tgkill, getpid(), loop, SIGUSR1), 0);
-        ASSERT_TRUE(korvtest::waitFor([&] { return gSignals == 2; }));
-        running.monitor->attach(&observer, EPOLLIN);
-        observer.signal();
-        EXPECT_TRUE(korvtest::waitFor([&] { return observer.calls == 1; }));
-        running.monitor->detach(&observer);
-    }
-    sigaction(SIGUSR1, &previous, nullptr);
-}
-
-// Two observers hand the turn to each other from inside onEvent(): each detaches itself, attaches
-// the other and wakes it; one also changes its own events first.
-TEST(EpollMonitorLoop, ObserversReenterFromOnEvent) {
-    constexpr int kTurns = 200;
-    FdObserver ping;
-    FdObserver pong;
-    RunningMonitor running("reenter");
-    std::atomic<int> turns{0};
-    std::atomic<bool> finished{false};
-    ping.hook = [&](IEventObserver::OnEvent const& event) {
-        event.monitor->detach(&ping);
-        if (++turns >= kTurns) {
-            finished = true;
-            return;
-        }
-        event.monitor->attach(&pong, EPOLLIN);
-        pong.signal();
-    };
-    pong.hook = [&](IEventObserver::OnEvent const& event) {
-        event.monitor->modify(&pong, EPOLLIN | EPOLLET);
-        event.monitor->detach(&pong);
-        ++turns;
-        event.monitor->attach(&ping, EPOLLIN);
-        ping.signal();
-    };
-    running.monitor->attach(&ping, EPOLLIN);
-    ping.signal();
-    ASSERT_TRUE(korvtest::waitFor([&] { return finished.load(); }));
-    // Each turn detached once; all but the last attached the next.
-    std::string count = std::to_string(turns);
-    EXPECT_EQ(running.monitor->toString_runtime(),
-              "{ #attach=" + count + " #detach=" + count +
-                      " .mActive=1 .mFdObserverMap={ detach=[ " + std::to_string(ping.mFd) + " " +
-                      std::to_string(pong.mFd) + " ] } }");
-    EXPECT_EQ(epollSet(*running.monitor).size(), 1u);
-}
-
-// Threads attach, modify and detach observers of their own while the loop dispatches their
-// events, and one observer keeps detaching and re-attaching itself from its own onEvent().
-TEST(EpollMonitorLoop, ConcurrentRegistration) {
-    constexpr int kThreads = 4;
-    constexpr int kPerThread = 8;
-    constexpr int kRounds = 150;
-    FdObserver cycler;
-    std::vector<std::unique_ptr<FdObserver>> observers;
-    for (int i = 0; i < kThreads * kPerThread; ++i) {
-        observers.push_back(std::make_unique<FdObserver>());
-    }
-    RunningMonitor running("stress");
-    EpollMonitor& monitor = *running.monitor;
-    std::atomic<int> cycles{0};
-    cycler.hook = [&](IEventObserver::OnEvent const& event) {
-        event.monitor->detach(&cycler);
-        event.monitor->attach(&cycler, EPOLLIN);
-        cycles++;
-    };
-    monitor.attach(&cycler, EPOLLIN);
-
-    std::atomic<bool> done{false};
-    std::thread poker([&] {
-        while (!done) {
-            int before = cycles;
-            cycler.signal();
-            while (!done && cycles == before) std::this_thread::yield();
-        }
-    });
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&, t] {
-            auto own = [&](int i) { return observers[t * kPerThread + i].get(); };
-            for (int round = 0; round < kRounds; ++round) {
-                for (int i = 0; i < kPerThread; ++i) monitor.attach(own(i), EPOLLIN);
-                for (int i = 0; i < kPerThread; i += 2) {
-                    own(i)->signal();
-                    monitor.modify(own(i), EPOLLIN | EPOLLET);
-                }
-                for (int i = 0; i < kPerThread; ++i) monitor.detach(own(i));
-            }
-        });
-    }
-    for (auto& thread : threads) thread.join();
-    done = true;
-    poker.join();
-    running.stop();
-
-    unsigned const attaches = kThreads * kPerThread * kRounds + 1 + cycles;
-    std::string expected = "{ #attach=" + std::to_string(attaches) +
-                           " #detach=" + std::to_string(attaches - 1) +
-                           " .mActive=0 .mFdObserverMap={ attach=[ (" + std::to_string(cycler.mFd) +
-                           ", " + addr(&cycler) + ") ] detach=[";
-    EXPECT_EQ(monitor.toString_runtime().rfind(expected, 0), 0u) << monitor.toString_runtime();
-    EXPECT_EQ(epollSet(monitor).size(), 2u);  // the wake-up and the cycler
-    EXPECT_GT(cycles, 0);
-    monitor.detach(&cycler);
-}
-
 }  // namespace
-}  // namespace NSKorvalite
-}  // namespace NSCam
+}  // namespace NSCam::NSKorvalite
