@@ -10,7 +10,7 @@ BENCH_PACKAGES := libbenchmark-dev android-libutils-dev libevent-dev
 
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
-# Installs whatever of $(1) dpkg does not report as installed.
+# Installs whatever of $(1) dpkg does not report as installed; $(2) adds apt-get options.
 define apt_install
 	@missing=""; for p in $(1); do \
 	    dpkg-query -W -f='$${Status}' $$p 2>/dev/null | grep -q "install ok installed" \
@@ -19,7 +19,7 @@ define apt_install
 	if [ -n "$$missing" ]; then \
 	    echo "Installing:$$missing"; \
 	    $(SUDO) env DEBIAN_FRONTEND=noninteractive apt-get update -qq && \
-	    $(SUDO) env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq $$missing; \
+	    $(SUDO) env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq $(2) $$missing; \
 	fi
 endef
 
@@ -88,24 +88,11 @@ test-arm64: deps-arm64
 
 VIVID_PACKAGES := qemu-system-x86 busybox-static cpio kmod file
 
-# As apt_install, without the recommended packages (qemu's would bring a desktop's worth).
-define apt_install_minimal
-	@missing=""; for p in $(1); do \
-	    dpkg-query -W -f='$${Status}' $$p 2>/dev/null | grep -q "install ok installed" \
-	        || missing="$$missing $$p"; \
-	done; \
-	if [ -n "$$missing" ]; then \
-	    echo "Installing:$$missing"; \
-	    $(SUDO) env DEBIAN_FRONTEND=noninteractive apt-get update -qq && \
-	    $(SUDO) env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq \
-	        --no-install-recommends $$missing; \
-	fi
-endef
 
 .PHONY: deps-vivid test-vivid
 
 deps-vivid: deps
-	$(call apt_install_minimal,$(VIVID_PACKAGES))
+	$(call apt_install,$(VIVID_PACKAGES),--no-install-recommends)
 
 test-vivid: deps-vivid
 	JOBS=$(JOBS) scripts/vivid/test.sh
