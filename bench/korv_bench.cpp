@@ -939,26 +939,37 @@ void printTable(std::string const& loadBefore) {
     std::vector<Row> rows;
     auto verdict = [](bool met) { return std::string(met ? "met" : "MISSED"); };
 
-    if (Case* c = findCase("roundtrip")) {
+    // Latency figures: median and p99 in us, ratios of the medians and of the p99s to the first
+    // variant. `p99Target` marks the second variant's p99 ratio against it, when given.
+    auto latencyRows = [&](char const* key, char const* digits, double p99Target) {
+        Case* c = findCase(key);
+        if (c == nullptr) return;
         Series const& floor = c->series[0];
         for (size_t i = 0; i < c->variants.size(); ++i) {
             Series const& s = c->series[i];
             if (!hasData(s)) continue;
+            std::string const number = std::string("%.") + digits + "f";
             Row row{i == 0 ? c->title + " (us)" : "",
                     c->variants[i].name,
-                    format("%.2f", median(s.samples) / 1000),
-                    format("p99 %.2f", percentile(s.samples, 0.99) / 1000),
+                    format(number.c_str(), median(s.samples) / 1000),
+                    format(("p99 " + number).c_str(), percentile(s.samples, 0.99) / 1000),
                     "",
                     "",
                     "-",
                     ""};
+            if (s.missed != 0) row.spread += format(" (%u missed)", s.missed);
             if (hasData(floor)) {
-                row.ratio = format("%.3f / p99 %.3f", median(s.samples) / median(floor.samples),
-                                   percentile(s.samples, 0.99) / percentile(floor.samples, 0.99));
+                double p99 = percentile(s.samples, 0.99) / percentile(floor.samples, 0.99);
+                row.ratio =
+                        format("%.3f / p99 %.3f", median(s.samples) / median(floor.samples), p99);
+                if (i == 1 && p99Target > 0) {
+                    row.verdict = verdict(p99 <= p99Target) + format(" p99 <=%.2f", p99Target);
+                }
             }
             rows.push_back(row);
         }
-    }
+    };
+    latencyRows("roundtrip", "2", 0);
     for (char const* key : {"burst64", "burst1024"}) {
         Case* c = findCase(key);
         if (c == nullptr) continue;
@@ -991,29 +1002,7 @@ void printTable(std::string const& loadBefore) {
                     verdict(ratio <= 1.10) + " <=1.10; " + verdict(faster) + " < peers";
         }
     }
-    if (Case* c = findCase("timer")) {
-        Series const& floor = c->series[0];
-        for (size_t i = 0; i < c->variants.size(); ++i) {
-            Series const& s = c->series[i];
-            if (!hasData(s)) continue;
-            Row row{i == 0 ? c->title + " (us)" : "",
-                    c->variants[i].name,
-                    format("%.1f", median(s.samples) / 1000),
-                    format("p99 %.1f", percentile(s.samples, 0.99) / 1000),
-                    "",
-                    "",
-                    "-",
-                    ""};
-            if (s.missed != 0) row.spread += format(" (%u missed)", s.missed);
-            if (hasData(floor)) {
-                double p99 = percentile(s.samples, 0.99) / percentile(floor.samples, 0.99);
-                row.ratio =
-                        format("%.3f / p99 %.3f", median(s.samples) / median(floor.samples), p99);
-                if (i == 1) row.verdict = verdict(p99 <= 1.10) + " p99 <=1.10";
-            }
-            rows.push_back(row);
-        }
-    }
+    latencyRows("timer", "1", 1.10);
     for (char const* key : {"read", "write", "ctlmod", "pair"}) {
         Case* c = findCase(key);
         if (c == nullptr) continue;
