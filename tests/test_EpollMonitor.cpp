@@ -1,6 +1,7 @@
 // Event monitor: registration and its table, the state texts, fatal paths, trace sections, and the
 // running side (dispatch, exit handshake, readyToRun, signals, re-entry). Where the order matters
-// the monitor is stepped on the test thread. Concurrent use is left to the reliability tests.
+// the monitor is stepped on the test thread. Delivery under concurrent use is left to the
+// reliability tests.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -98,6 +99,51 @@ void interruptEpollWait(int tid) {
     ASSERT_TRUE(waitFor(waiting));
     ASSERT_EQ(syscall(SYS_tgkill, getpid(), tid, SIGUSR1), 0);
     ASSERT_TRUE(waitFor([&] { return gSignals > before; }));
+}
+
+// Many threads register distinct descriptors at once: afterwards the table, the kernel's epoll set
+// and the counters agree on exactly who is attached, with which events and which observer.
+TEST(EpollMonitor, ConcurrentRegistrationKeepsTableEpollSetAndCountersInStep) {
+    constexpr int kThreads = 8, kPerThread = 4, kCycles = 200;
+    auto monitor = makeMonitor("stress");
+    std::vector<std::unique_ptr<FdObserver>> observers;
+    for (int i = 0; i < kThreads * kPerThread; ++i)
+        observers.push_back(std::make_unique<FdObserver>());
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            for (int cycle = 0; cycle < kCycles; ++cycle) {
+                for (int k = 0; k < kPerThread; ++k) {
+                    FdObserver* observer = observers[t * kPerThread + k].get();
+                    monitor->attach(observer, EPOLLIN);
+                    monitor->modify(observer, EPOLLIN | EPOLLET);
+                    // The last cycle leaves every other observer attached.
+                    if (cycle + 1 < kCycles || k % 2 == 0) monitor->detach(observer);
+                }
+            }
+        });
+    }
+    for (auto& thread : threads) thread.join();
+
+    int const attached = kThreads * kPerThread / 2;
+    int const attaches = kThreads * kPerThread * kCycles;
+    EXPECT_EQ(monitor->determineFdObserverCount(), attached);
+    std::string const runtime = monitor->toString_runtime();
+    EXPECT_NE(runtime.find("#attach=" + std::to_string(attaches) +
+                           " #detach=" + std::to_string(attaches - attached)),
+              std::string::npos)
+            << runtime;
+    EpollSet expected{
+            {monitor->getEventFD(), {EPOLLIN, static_cast<IEventObserver*>(monitor.get())}}};
+    for (size_t i = 0; i < observers.size(); ++i) {
+        FdObserver* observer = observers[i].get();
+        std::string const entry = "(" + std::to_string(observer->mFd) + ", " + addr(observer) + ")";
+        bool const isAttached = i % 2 == 1;
+        EXPECT_EQ(runtime.find(entry) != std::string::npos, isAttached) << entry << runtime;
+        if (isAttached) expected[observer->mFd] = {EPOLLIN | EPOLLET, observer};
+    }
+    EXPECT_EQ(epollSet(*monitor), expected);
+    for (size_t i = 1; i < observers.size(); i += 2) monitor->detach(observers[i].get());
 }
 
 // One monitor through its registration history: descriptors 43 to 45 reproduce the documented
