@@ -106,11 +106,6 @@ void ULogCapture::logRecord(uint32_t moduleId, char const* tag, uint32_t level, 
     mRecords.push_back({moduleId, tag ? tag : "", level, text ? text : "", length});
 }
 
-void ULogCapture::flush(int reason) {
-    std::lock_guard<std::mutex> lock(mMutex);
-    mFlushes.push_back(reason);
-}
-
 std::vector<ULogRecord> ULogCapture::records() const {
     std::lock_guard<std::mutex> lock(mMutex);
     return mRecords;
@@ -132,15 +127,9 @@ size_t ULogCapture::count(std::string_view tag, std::string_view needle) const {
     return n;
 }
 
-std::vector<int> ULogCapture::flushes() const {
-    std::lock_guard<std::mutex> lock(mMutex);
-    return mFlushes;
-}
-
 void ULogCapture::clear() {
     std::lock_guard<std::mutex> lock(mMutex);
     mRecords.clear();
-    mFlushes.clear();
 }
 
 ScopedSwitches::ScopedSwitches()

@@ -1,7 +1,7 @@
 // Test helpers shared by every test of the library and of the host platform.
 //
 // - AndroidLogCapture: every liblog record (priority, tag, text) of this process.
-// - ULogCapture: every ULog sink record and pre-assertion call.
+// - ULogCapture: every ULog sink record.
 // - ScopedSwitches: sets the ULog switches and restores them.
 // - TraceCapture: trace lines written to a temporary marker file.
 // - ScopedProperty / PropertiesFile: properties in this process / for a child process.
@@ -77,19 +77,17 @@ public:
 
     void logRecord(uint32_t moduleId, char const* tag, uint32_t level, char const* text,
                    uint32_t length) override;
-    void flush(int reason) override;
+    // The pre-assertion call: nothing to flush in memory.
+    void flush(int) override {}
 
     std::vector<ULogRecord> records() const;
     std::vector<std::string> texts(std::string_view tag) const;
     size_t count(std::string_view tag, std::string_view needle) const;
-    // Arguments of the pre-assertion calls, in order.
-    std::vector<int> flushes() const;
     void clear();
 
 private:
     mutable std::mutex mMutex;
     std::vector<ULogRecord> mRecords;
-    std::vector<int> mFlushes;
     NSCam::Utils::ULog::ULogger* mPrevious;
 };
 
