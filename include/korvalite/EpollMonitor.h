@@ -18,7 +18,7 @@ namespace NSKorvalite {
 class IEpollMonitor;
 
 // Observer of one descriptor.
-class IEventObserver {
+class [[gnu::visibility("default")]] IEventObserver {
 public:
     // What the monitor passes to onEvent().
     struct OnEvent {
@@ -34,7 +34,7 @@ public:
     virtual void onEvent(OnEvent const& event) = 0;
 };
 
-class IEpollMonitor {
+class [[gnu::visibility("default")]] IEpollMonitor {
 public:
     virtual ~IEpollMonitor() = default;
     // Prints two lines of state into `printer`. Any thread.
@@ -61,7 +61,8 @@ public:
     static std::shared_ptr<IEpollMonitor> make(char const* name);
 };
 
-class EpollMonitor : public IEpollMonitor, public IThreadLoop, public IEventObserver {
+class [[gnu::visibility("default")]] EpollMonitor
+    : public IEpollMonitor, public IThreadLoop, public IEventObserver {
 public:
     explicit EpollMonitor(char const* name);
     // Closes the monitor's own two descriptors only: attached observers are not told and their

@@ -16,6 +16,7 @@ namespace NSKorvalite {
 // it. A null `file` is fatal; the result is never empty. Lines have no length limit.
 // A printer holds no lock: lines from several threads are serialised only by the stream's own
 // locking.
+[[gnu::visibility("default")]]
 std::shared_ptr<NSCam::IPrinter> makeFilePrinter(FILE* file, unsigned int indent,
                                                  char const* prefix);
 

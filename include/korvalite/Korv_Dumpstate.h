@@ -24,6 +24,7 @@ using korv_dumpstate_callback_t = void (*)(NSCam::IPrinter*);
 
 // Registers the process-wide state callback, replacing any earlier one; null clears it.
 // Any thread.
+[[gnu::visibility("default")]]
 void korv_dumpstate_set_dumpstate_callback(korv_dumpstate_callback_t callback);
 
 // Runs the targets of `params` in order on the calling thread.
@@ -46,5 +47,6 @@ extern "C" {
 // Dumps the registered state. With a non-negative timeout the dump runs on a detached worker
 // thread and the caller waits at most `timeout` ms for it; the worker copies what it needs, so
 // `params` need not outlive the call. `params` must not be null. Any thread.
+[[gnu::visibility("default")]]
 void korv_dumpstate(NSCam::NSKorvalite::korv_dumpstate_params const* params);
 }

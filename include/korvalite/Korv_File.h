@@ -20,11 +20,11 @@ std::string getAndMakeFolderPath();
 // A keep policy outside 0..100 is ignored (with a warning) in favour of 75. The folder and the
 // settings are read once per process. Empty: write no file. The file itself is not created.
 // May block on the file system; any thread.
-std::string getDumpFilepathAndReserveSpace();
+[[gnu::visibility("default")]] std::string getDumpFilepathAndReserveSpace();
 
 // Creates (truncating) `path` for writing with mode 0664 and group "system" where it exists.
 // The stream is closed by the holder. Empty on failure or for a null path.
-std::shared_ptr<FILE> openNewFile(char const* path);
+[[gnu::visibility("default")]] std::shared_ptr<FILE> openNewFile(char const* path);
 
 }  // namespace NSKorvalite
 }  // namespace NSCam

@@ -7,16 +7,9 @@
 
 #include <stdint.h>
 
-#ifdef __cplusplus
-extern "C" {
-#endif
-
 // Written once while the library loads; read-only afterwards.
-extern uint64_t korvalite_enabled_tracebits;
+[[gnu::visibility("default")]] extern uint64_t korvalite_enabled_tracebits;
 
-// Returns korvalite_enabled_tracebits. Any thread.
-uint64_t get_korvalite_enabled_tracebits(void);
-
-#ifdef __cplusplus
-}
-#endif
+// Returns korvalite_enabled_tracebits. Any thread. A C++ function: modules look it up under its
+// mangled name.
+[[gnu::visibility("default")]] uint64_t get_korvalite_enabled_tracebits();

@@ -21,7 +21,7 @@
 
 namespace NSCam {
 namespace NSKorvalite {
-namespace System {
+namespace [[gnu::visibility("default")]] System {
 
 // --- Files and directories -----------------------------------------------------------------
 

@@ -15,7 +15,7 @@ namespace NSKorvalite {
 // A loop body run by a ThreadLoopHandler. The handler calls readyToRun() once and then
 // threadLoop() on its worker thread, never with its lock held; requestExit() comes from any thread
 // with the handler's lock held.
-class IThreadLoop {
+class [[gnu::visibility("default")]] IThreadLoop {
 public:
     // What the handler hands the body once, on the new thread, before the first iteration.
     struct ReadyToRun {
@@ -42,7 +42,8 @@ public:
 // weakly between iterations: once every outside owner of either is gone, the worker ends after
 // its current iteration without notifying anyone (the handler is then "abandoned": it still
 // counts as running, so run() refuses and requestExitAndWait() would wait for ever).
-class ThreadLoopHandler : public std::enable_shared_from_this<ThreadLoopHandler> {
+class [[gnu::visibility("default")]] ThreadLoopHandler
+    : public std::enable_shared_from_this<ThreadLoopHandler> {
 public:
     // Never null.
     static std::shared_ptr<ThreadLoopHandler> make();

@@ -17,7 +17,8 @@ namespace NSKorvalite {
 // The client attaches the timer to a monitor with getEventType(); each expiry calls the callback
 // on the monitor's thread. Must be owned by a shared_ptr before it receives events. The timer holds
 // no reference to any monitor: detach it before destroying it.
-class Timer : public IEventObserver, public std::enable_shared_from_this<Timer> {
+class [[gnu::visibility("default")]] Timer
+    : public IEventObserver, public std::enable_shared_from_this<Timer> {
 public:
     // `name` may be null ("Timer-?"). `clockid` is passed to timerfd_create() as it is. Reads the
     // verbose switch now: a later change of the property affects only timers made afterwards.

@@ -26,6 +26,6 @@ uint64_t getEnabledTracebitsFromSysprop() {
 // Declared after the per-file pair of KorvLog.h, so it is initialised after it.
 uint64_t korvalite_enabled_tracebits = getEnabledTracebitsFromSysprop();
 
-uint64_t get_korvalite_enabled_tracebits(void) {
+uint64_t get_korvalite_enabled_tracebits() {
     return korvalite_enabled_tracebits;
 }
