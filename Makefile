@@ -5,7 +5,8 @@ SHELL := /bin/bash
 JOBS ?= $(shell nproc)
 
 BUILD_PACKAGES := cmake ninja-build g++ googletest libgtest-dev libgmock-dev \
-                  android-liblog-dev android-libbacktrace-dev
+                  android-liblog-dev android-libbacktrace-dev \
+                  abigail-tools pkg-config blueprint-tools mini-soong
 BENCH_PACKAGES := libbenchmark-dev android-libutils-dev libevent-dev
 
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
@@ -66,6 +67,11 @@ bench: deps-bench
 PREFIX ?= /usr/local
 install: build
 	cmake --install build/default --prefix $(PREFIX)
+
+# Rewrites abi/ from build/default after a deliberate change of the exported ABI.
+.PHONY: abi-baseline
+abi-baseline: build
+	abi/check.sh update build/default/src/libtovrix_cmt.so
 
 clean:
 	rm -rf build
