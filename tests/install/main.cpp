@@ -1,5 +1,5 @@
-// A client of the installed package: finds it with find_package(tovrix_cmt), links tovrix::cmt,
-// and checks that the ownership-checking close() is the one the program gets.
+// A client of the installed package, built with find_package(tovrix_cmt) and with pkg-config;
+// each checks that the ownership-checking close() is the one the program gets.
 
 #include <unistd.h>
 
