@@ -45,13 +45,15 @@ for bp in "${blueprints[@]}"; do
     done
 done
 cd "$work"
-mini-soong -o Makefile
-if ! make -j2 libtovrix_cmt_soversion=1.0.0 build >make.log 2>&1; then
-    cat make.log
+# Written here, never through a link into the sources.
+rm -f soong.mk soong.log
+mini-soong -o soong.mk
+if ! make -f soong.mk -j2 libtovrix_cmt_soversion=1.0.0 build >soong.log 2>&1; then
+    cat soong.log
     echo "the build of mini-soong's Makefile failed"
     exit 1
 fi
-if grep -E 'warning:' make.log; then
+if grep -E 'warning:' soong.log; then
     echo "the build of mini-soong's Makefile has warnings"
     status=1
 fi
