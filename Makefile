@@ -40,7 +40,9 @@ build/default/build.ninja: | deps
 build: deps build/default/build.ninja
 	cmake --build --preset default -j $(JOBS)
 
-demo: build
+# Only what the demo needs: the library, the platform libraries and the demo itself.
+demo: deps build/default/build.ninja
+	cmake --build --preset default -j $(JOBS) --target korv_demo
 	@mkdir -p /tmp/korv_demo && rm -f /tmp/korv_demo/trace.txt
 	QRVCAM_PROPERTIES=$(CURDIR)/examples/demo.properties ./build/default/examples/korv_demo
 

@@ -2,7 +2,7 @@
 // stamps and printers, an event monitor with periodic timers, and a state dump to a file.
 //
 // `make demo` runs it with examples/demo.properties (QRVCAM_PROPERTIES), which sets the details
-// level, the trace marker file and the dump folder.
+// level, the trace marker file and trace bits, and the dump folder.
 
 #include <fcntl.h>
 #include <time.h>
@@ -192,6 +192,20 @@ void showDumpFile() {
     std::printf("  | ...\n");
 }
 
+// Where the trace went: the monitor thread's sections, the wrappers' sections on every thread,
+// the observer count and the per-descriptor slices, for a trace viewer.
+void showTrace() {
+    heading("Trace");
+    char marker[PROPERTY_VALUE_MAX] = {};
+    NSCam::Utils::Properties::property_get("debug.atrace.marker_file", marker, "");
+    if (marker[0] == '\0') {
+        std::printf("no trace file: debug.atrace.marker_file is not set\n");
+        return;
+    }
+    std::printf("systrace text trace: %s\n", marker);
+    std::printf("open it at https://ui.perfetto.dev with \"Open trace file\"\n");
+}
+
 }  // namespace
 
 int main() {
@@ -202,5 +216,6 @@ int main() {
     showTimeAndPrinters();
     runMonitorWithTimers();
     showDumpFile();
+    showTrace();
     return 0;
 }

@@ -316,14 +316,7 @@ TEST(EpollMonitorTrace, SectionsCountersAndSlices) {
                                         {"debug.atrace.marker_file", marker}});
         EXPECT_TRUE(child.exited && child.exitCode == 0) << child.err;
         sscanf(child.out.substr(child.out.find("fds ")).c_str(), "fds %d %d", &fd, &wake);
-        std::vector<std::string> events;  // without the process id
-        for (std::string const& line : korvtest::readLines(marker)) {
-            size_t pid = line.find('|');
-            size_t rest = line.find('|', pid + 1);
-            events.push_back(line.substr(0, pid) +
-                             (rest == std::string::npos ? "" : line.substr(rest)));
-        }
-        return events;
+        return korvtest::traceEvents(marker);
     };
     // detach answers to bit 14 alone, attach and modify to bit 10 alone.
     EXPECT_EQ(traced("0x4000"), (std::vector<std::string>{"B|P2DrvEP-abc::detachObserver",

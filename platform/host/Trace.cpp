@@ -1,5 +1,5 @@
-// Systrace on the host: Android's trace-marker lines, written to a file named by a property or to
-// the kernel's trace_marker.
+// Systrace on the host: Android's trace-marker lines, written to the kernel's trace_marker, or as
+// a systrace text trace to a file named by a property.
 #include <android/log.h>
 #include <cutils/trace.h>
 #include <errno.h>
@@ -8,6 +8,9 @@
 #include <sched.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -23,16 +26,22 @@ constexpr char kTagsProperty[] = "debug.atrace.tags.enableflags";
 constexpr char kMarkerFileProperty[] = "debug.atrace.marker_file";
 constexpr char const* kKernelMarkers[] = {"/sys/kernel/tracing/trace_marker",
                                           "/sys/kernel/debug/tracing/trace_marker"};
-// As Android's: longer lines are cut, keeping the line end.
+// As Android's: longer markers are cut, keeping the line end.
 constexpr size_t kMaxLine = 1024;
-
-std::atomic<bool> gReady{false};
-std::atomic<uint64_t> gEnabledTags{0};
+// Room for the systrace prefix in front of the marker: a 15-character thread name, two ids, the
+// CPU and the time stamp.
+constexpr size_t kMaxPrefix = 128;
+// Trace viewers recognise a systrace text file by its header.
+constexpr char kFileHeader[] = "# tracer: nop\n#\n";
 
 // The marker descriptor, -1 when lines go nowhere. Writers load it while counted in
 // gWritersInside; see detachMarkerLocked() for why.
 std::atomic<int> gMarkerFd{-1};
 std::atomic<int> gWritersInside{0};
+// Whether gMarkerFd is a file that gets systrace lines (else the kernel's marker, which adds task,
+// CPU and time itself). A writer racing with a switch between the two may write one line in the
+// other form; it still lands in the old or the new target whole.
+std::atomic<bool> gMarkerIsFile{false};
 
 // Guards markerPath() and every change of gMarkerFd.
 std::mutex gUpdateLock;
@@ -77,6 +86,13 @@ int openMarker(std::string const& path) {
             int const error = errno;
             __android_log_print(ANDROID_LOG_WARN, kTag, "cannot open trace marker file %s: %s",
                                 path.c_str(), strerror(error));
+            return fd;
+        }
+        // A file that already holds a trace is appended to under its own header.
+        struct stat status = {};
+        if (fstat(fd, &status) == 0 && status.st_size == 0) {
+            while (write(fd, kFileHeader, sizeof(kFileHeader) - 1) < 0 && errno == EINTR) {
+            }
         }
         return fd;
     }
@@ -119,42 +135,65 @@ void attachMarkerLocked(int fd) {
 void updateLocked() {
     char value[PROPERTY_VALUE_MAX];
     NSCam::Utils::Properties::property_get(kTagsProperty, value, "0");
-    gEnabledTags.store(parseTags(value), std::memory_order_relaxed);
+    atrace_enabled_tags.store(parseTags(value), std::memory_order_relaxed);
 
     NSCam::Utils::Properties::property_get(kMarkerFileProperty, value, "");
-    bool const firstTime = !gReady.load(std::memory_order_relaxed);
+    bool const firstTime = !atrace_is_ready.load(std::memory_order_relaxed);
     std::string& path = markerPathLocked();
     if (firstTime || path != value) {
         path = value;
         int fd = openMarker(path);
         if (fd >= 0) {
             attachMarkerLocked(fd);
+            gMarkerIsFile.store(!path.empty());
         } else {
             detachMarkerLocked();
         }
     }
-    gReady.store(true, std::memory_order_release);
+    atrace_is_ready.store(true, std::memory_order_release);
 }
 
 void ensureReady() {
-    if (gReady.load(std::memory_order_acquire)) return;
-    qrvcam_host::ErrnoRestorer keepErrno;
-    std::lock_guard<std::mutex> lock(gUpdateLock);
-    if (!gReady.load(std::memory_order_relaxed)) updateLocked();
+    if (!atrace_is_ready.load(std::memory_order_acquire)) atrace_setup();
 }
 
-void writeLine(char* line, int length) {
+// The systrace text line of a marker: "<task>-<tid> (<pid>) [<cpu>] .... <s>.<us>: " then
+// "tracing_mark_write: ", as the kernel prints a trace_marker write into its own trace.
+int formatPrefix(char* prefix, size_t size) {
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    char task[16] = {};
+    prctl(PR_GET_NAME, task);
+    int const cpu = sched_getcpu();
+    return snprintf(prefix, size, "%s-%d (%d) [%03d] .... %lld.%06ld: tracing_mark_write: ", task,
+                    static_cast<int>(gettid()), static_cast<int>(getpid()), cpu < 0 ? 0 : cpu,
+                    static_cast<long long>(now.tv_sec), now.tv_nsec / 1000);
+}
+
+// `marker` holds `length` bytes of text (snprintf's result into kMaxLine - 1 bytes) and room for
+// the line end.
+void writeLine(char const* marker, int length) {
     if (length < 0) return;
-    // snprintf left room for the line end even when it cut the text.
     size_t size =
             static_cast<size_t>(length) < kMaxLine - 1 ? static_cast<size_t>(length) : kMaxLine - 2;
-    line[size++] = '\n';
     qrvcam_host::ErrnoRestorer keepErrno;
     gWritersInside.fetch_add(1);
     int fd = gMarkerFd.load();
     if (fd >= 0) {
-        // One write per line: the kernel's trace_marker takes each write as one event.
-        while (write(fd, line, size) < 0 && errno == EINTR) {
+        char line[kMaxPrefix + kMaxLine];
+        size_t used = 0;
+        if (gMarkerIsFile.load()) {
+            int const prefix = formatPrefix(line, kMaxPrefix);
+            used = prefix > 0 && static_cast<size_t>(prefix) < kMaxPrefix
+                           ? static_cast<size_t>(prefix)
+                           : 0;
+        }
+        memcpy(line + used, marker, size);
+        used += size;
+        line[used++] = '\n';
+        // One write per line: the kernel's trace_marker takes each write as one event, and
+        // concurrent appends to a file never interleave within a line.
+        while (write(fd, line, used) < 0 && errno == EINTR) {
         }
     }
     gWritersInside.fetch_sub(1);
@@ -164,9 +203,14 @@ void writeLine(char* line, int length) {
 
 extern "C" {
 
-uint64_t atrace_get_enabled_tags(void) {
-    ensureReady();
-    return gEnabledTags.load(std::memory_order_relaxed);
+std::atomic<bool> atrace_is_ready{false};
+std::atomic<uint64_t> atrace_enabled_tags{0};
+
+void atrace_setup(void) {
+    if (atrace_is_ready.load(std::memory_order_acquire)) return;
+    qrvcam_host::ErrnoRestorer keepErrno;
+    std::lock_guard<std::mutex> lock(gUpdateLock);
+    if (!atrace_is_ready.load(std::memory_order_relaxed)) updateLocked();
 }
 
 void atrace_update_tags(void) {

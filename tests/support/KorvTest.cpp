@@ -184,22 +184,26 @@ TraceCapture::~TraceCapture() {
     unlink(mPath.c_str());
 }
 
-std::vector<std::string> TraceCapture::lines() const {
-    return readLines(mPath);
-}
-
-std::vector<std::string> TraceCapture::events() const {
-    std::string const pid = "|" + std::to_string(getpid());
-    std::vector<std::string> result;
-    for (auto& line : lines()) {
-        std::string event = line;
-        if (event.size() >= 2 && event.compare(1, pid.size(), pid) == 0 &&
+std::vector<std::string> traceEvents(std::string const& path) {
+    std::string const mark = ": tracing_mark_write: ";
+    std::vector<std::string> events;
+    for (auto& line : readLines(path)) {
+        if (line.empty() || line[0] == '#') continue;
+        size_t const at = line.find(mark);
+        if (at == std::string::npos) {
+            events.push_back(line);  // not a systrace line: left whole for the assertion to show
+            continue;
+        }
+        std::string event = line.substr(at + mark.size());
+        size_t const open = line.rfind(" (", at) + 2;
+        std::string const pid = "|" + line.substr(open, line.find(')', open) - open);
+        if (!event.empty() && event.compare(1, pid.size(), pid) == 0 &&
             (event.size() == 1 + pid.size() || event[1 + pid.size()] == '|')) {
             event.erase(1, pid.size());
         }
-        result.push_back(event);
+        events.push_back(event);
     }
-    return result;
+    return events;
 }
 
 void TraceCapture::clear() {

@@ -3,7 +3,7 @@
 // - AndroidLogCapture: every liblog record (priority, tag, text) of this process.
 // - ULogCapture: every ULog sink record.
 // - ScopedSwitches: sets the ULog switches and restores them.
-// - TraceCapture: trace lines written to a temporary marker file.
+// - TraceCapture / traceEvents: trace events written to a (temporary) marker file.
 // - ScopedProperty / PropertiesFile: properties in this process / for a child process.
 // - runChild / runSelfChild: a child process that must end in a given way.
 // - openFds: the descriptors this process has open.
@@ -109,6 +109,11 @@ private:
 
 // --- Trace -----------------------------------------------------------------------------------
 
+// The events of a systrace text trace that the trace writer wrote to a marker file: the marker
+// text of each event line, with "|<pid>" removed where it is the line's own process id, e.g.
+// "B|EventFD", "E", "C|name|3". Header lines are skipped.
+std::vector<std::string> traceEvents(std::string const& path);
+
 // Points the trace writer at a temporary marker file and enables `tags` (the camera tag by
 // default). Restores the properties and re-reads them afterwards.
 class TraceCapture {
@@ -118,10 +123,8 @@ public:
     TraceCapture(TraceCapture const&) = delete;
     TraceCapture& operator=(TraceCapture const&) = delete;
 
-    // Every line written so far, without the newline, e.g. "B|1234|EventFD".
-    std::vector<std::string> lines() const;
-    // The lines with "|<pid>" of this process removed, e.g. "B|EventFD", "E", "C|name|3".
-    std::vector<std::string> events() const;
+    // traceEvents() of everything written so far.
+    std::vector<std::string> events() const { return traceEvents(mPath); }
     // Empties the file.
     void clear();
     std::string const& path() const { return mPath; }
