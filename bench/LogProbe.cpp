@@ -1,6 +1,10 @@
-// Call sites of the library's log and trace frame, compiled as the library's own files compile
-// them, for the disabled-path figures. Out of line so that the benchmark loop cannot hoist the
-// switch tests out of the loop.
+// Call sites of the library's log and trace frame, for the disabled-path figures. Built into a
+// module of their own (libkorv_bench_probe.so) exactly as the library builds its files: beside
+// the trace accessor's file, with hidden visibility, no semantic interposition and link-time
+// optimisation, so that each call site compiles as it does inside the library. The module keeps
+// its copy of the mask to itself (read from the same property, when it loads). Out of line and
+// called through pointers so that the benchmark loop cannot hoist the switch tests out of the
+// loop.
 #define LOG_TAG "korvalite-bench"
 #define KORV_SOURCE_PATH "bench/LogProbe"
 
@@ -9,6 +13,7 @@
 #include "KorvLog.h"
 
 namespace korvbench {
+namespace {
 
 namespace korvlog = NSCam::NSKorvalite::korvlog;
 
@@ -43,4 +48,12 @@ bool cameraTraceOn() {
     return (atrace_get_enabled_tags() & ATRACE_TAG_CAMERA) != 0;
 }
 
+Probes const kProbes = {&probeNothing,  &probeLogD,   &probeTraceCameraOff, &probeTraceBitOff,
+                        &logDEnabled,   &traceBitSet, &cameraTraceOn};
+
+}  // namespace
 }  // namespace korvbench
+
+extern "C" __attribute__((visibility("default"))) korvbench::Probes const* korv_bench_probes() {
+    return &korvbench::kProbes;
+}
