@@ -1,8 +1,8 @@
 // Call sites of the library's log and trace frame, for the disabled-path figures. Built into a
 // module of their own (libkorv_bench_probe.so) exactly as the library builds its files: beside
 // the trace accessor's file, with hidden visibility, no semantic interposition and link-time
-// optimisation, so that each call site compiles as it does inside the library. The module keeps
-// its copy of the mask to itself (read from the same property, when it loads). Out of line and
+// optimisation, so that each call site compiles as it does inside the library, and it reaches the
+// process's one trace mask through the GOT as the library does (LogProbe.map.txt). Out of line and
 // called through pointers so that the benchmark loop cannot hoist the switch tests out of the
 // loop.
 #define LOG_TAG "korvalite-bench"

@@ -191,7 +191,7 @@ void expectOwner(char const* symbol, char const* library, bool required) {
 
 korvbench::Probes const* gProbes = nullptr;
 
-// Loads the log frame's probes (LogProbe.cpp) privately: the module's mask stays its own.
+// Loads the log frame's probes (LogProbe.cpp), privately: nothing else binds to the module.
 korvbench::Probes const* loadProbes() {
     std::string path = exeDir() + "/libkorv_bench_probe.so";
     void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
