@@ -125,7 +125,9 @@ constexpr uint64_t kTraceDQueueEvent = UINT64_C(1) << 32; // DQueueEvent, Reinit
 constexpr uint64_t kTraceObserverCount = UINT64_C(1) << 36;  // counter of attached observers
 constexpr uint64_t kTraceObserverSlice = UINT64_C(1) << 37;  // async slice per attached fd
 
-// One call and a mask test while the bit is clear.
+// The mask first: while the bit is clear, a load and a test. The accessor is the library's own,
+// bound inside it and inlined at link time (src/CMakeLists.txt); then, inline too, the platform's
+// tag mask.
 inline bool traceEnabled(uint64_t bit) {
     return (get_korvalite_enabled_tracebits() & bit) != 0 &&
            (atrace_get_enabled_tags() & ATRACE_TAG_CAMERA) != 0;
