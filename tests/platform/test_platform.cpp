@@ -10,11 +10,11 @@
 #include <qrvcam/fdsan.h>
 #include <qrvcam/ulog/ULog.h>
 #include <signal.h>
+#include <stdio.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <fstream>
-#include <map>
 #include <regex>
 #include <string>
 #include <thread>
@@ -38,15 +38,15 @@ using Texts = std::vector<std::string>;
 // parse as Android's do (bool: 1/y/yes/on/true, 0/n/no/off/false; integers: decimal, 0x
 // hexadecimal, a sign, in range) and give the default otherwise.
 TEST(PlatformProperties, SetValuesOverDefaultsAndTypedParsing) {
-    char value[PROPERTY_VALUE_MAX];
-    EXPECT_EQ(8, property_get("korvtest.props.value", value, "fallback"));
+    char buffer[PROPERTY_VALUE_MAX];
+    EXPECT_EQ(8, property_get("korvtest.props.value", buffer, "fallback"));
     {
         ScopedProperty property("korvtest.props.value", std::string(200, 'v'));
-        EXPECT_EQ(PROPERTY_VALUE_MAX - 1, property_get("korvtest.props.value", value, ""));
-        EXPECT_EQ(std::string(PROPERTY_VALUE_MAX - 1, 'v'), value);
+        EXPECT_EQ(PROPERTY_VALUE_MAX - 1, property_get("korvtest.props.value", buffer, ""));
+        EXPECT_EQ(std::string(PROPERTY_VALUE_MAX - 1, 'v'), buffer);
     }
-    property_get("korvtest.props.value", value, "fallback");
-    EXPECT_STREQ("fallback", value);  // restored to empty, which reads as unset
+    property_get("korvtest.props.value", buffer, "fallback");
+    EXPECT_STREQ("fallback", buffer);  // restored to empty, which reads as unset
     std::pair<char const*, int> const bools[] = {
             {"1", 1},     {"y", 1},     {"yes", 1},   {"on", 1},  {"true", 1},
             {"0", 0},     {"n", 0},     {"no", 0},    {"off", 0}, {"false", 0},
