@@ -39,8 +39,7 @@ constexpr char kFileHeader[] = "# tracer: nop\n#\n";
 std::atomic<int> gMarkerFd{-1};
 std::atomic<int> gWritersInside{0};
 // Whether gMarkerFd is a file that gets systrace lines (else the kernel's marker, which adds task,
-// CPU and time itself). A writer racing with a switch between the two may write one line in the
-// other form; it still lands in the old or the new target whole.
+// CPU and time itself). See updateLocked() for how it changes with the descriptor.
 std::atomic<bool> gMarkerIsFile{false};
 
 // Guards markerPath() and every change of gMarkerFd.
@@ -144,8 +143,13 @@ void updateLocked() {
         path = value;
         int fd = openMarker(path);
         if (fd >= 0) {
+            // A writer racing with the switch may pair either descriptor with either form. The
+            // flag is raised before a file is attached and lowered after the kernel's marker is,
+            // so that a file never gets a bare line that a trace viewer could not place; the
+            // kernel's marker takes a prefixed line as any other text.
+            if (!path.empty()) gMarkerIsFile.store(true);
             attachMarkerLocked(fd);
-            gMarkerIsFile.store(!path.empty());
+            if (path.empty()) gMarkerIsFile.store(false);
         } else {
             detachMarkerLocked();
         }
@@ -170,8 +174,8 @@ int formatPrefix(char* prefix, size_t size) {
                     static_cast<long long>(now.tv_sec), now.tv_nsec / 1000);
 }
 
-// `marker` holds `length` bytes of text (snprintf's result into kMaxLine - 1 bytes) and room for
-// the line end.
+// `length` is snprintf's result for `marker` into kMaxLine - 1 bytes: the marker is cut to
+// kMaxLine - 2 bytes, and the line end makes it kMaxLine - 1.
 void writeLine(char const* marker, int length) {
     if (length < 0) return;
     size_t size =

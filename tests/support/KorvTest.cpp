@@ -1,21 +1,21 @@
 #include "support/KorvTest.h"
 
-#include <dirent.h>
+#include <android/log.h>
+#include <cutils/trace.h>
 #include <fcntl.h>
-#include <poll.h>
+#include <qrvcam/Properties.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <android/log.h>
-#include <cutils/trace.h>
-#include <qrvcam/Properties.h>
-
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <regex>
 #include <sstream>
 #include <thread>
 
@@ -25,7 +25,6 @@ namespace korvtest {
 
 using NSCam::Utils::Properties::property_get;
 using NSCam::Utils::Properties::property_set;
-using NSCam::Utils::ULog::ULogger;
 
 namespace {
 
@@ -41,6 +40,14 @@ std::string getProperty(char const* key) {
     char value[PROPERTY_VALUE_MAX] = {};
     property_get(key, value, "");
     return value;
+}
+
+// Creates an empty file from a mkstemp() pattern; returns its path.
+std::string makeTempFile(std::string pattern) {
+    int fd = mkstemp(pattern.data());
+    if (fd < 0) abort();
+    ::close(fd);
+    return pattern;
 }
 
 }  // namespace
@@ -78,11 +85,9 @@ std::vector<std::string> AndroidLogCapture::texts(std::string_view tag) const {
 }
 
 size_t AndroidLogCapture::count(std::string_view tag, std::string_view needle) const {
-    size_t n = 0;
-    for (auto& record : withTag(tag)) {
-        if (record.text.find(needle) != std::string::npos) ++n;
-    }
-    return n;
+    auto const all = texts(tag);
+    return std::count_if(all.begin(), all.end(),
+                         [&](std::string const& text) { return text.find(needle) != text.npos; });
 }
 
 void AndroidLogCapture::clear() {
@@ -119,14 +124,6 @@ std::vector<std::string> ULogCapture::texts(std::string_view tag) const {
     return result;
 }
 
-size_t ULogCapture::count(std::string_view tag, std::string_view needle) const {
-    size_t n = 0;
-    for (auto& text : texts(tag)) {
-        if (text.find(needle) != std::string::npos) ++n;
-    }
-    return n;
-}
-
 void ULogCapture::clear() {
     std::lock_guard<std::mutex> lock(mMutex);
     mRecords.clear();
@@ -143,18 +140,8 @@ ScopedSwitches::~ScopedSwitches() {
     __atomic_store_n(&ULogger::sNormalDetailsMask, mMask, __ATOMIC_RELAXED);
 }
 
-ScopedSwitches& ScopedSwitches::mode(uint32_t value) {
-    __atomic_store_n(&ULogger::sMode, value, __ATOMIC_RELAXED);
-    return *this;
-}
-
-ScopedSwitches& ScopedSwitches::details(uint32_t value) {
-    __atomic_store_n(&ULogger::sDetailsLevel, value, __ATOMIC_RELAXED);
-    return *this;
-}
-
-ScopedSwitches& ScopedSwitches::mask(uint32_t value) {
-    __atomic_store_n(&ULogger::sNormalDetailsMask, value, __ATOMIC_RELAXED);
+ScopedSwitches& ScopedSwitches::set(uint32_t& target, uint32_t value) {
+    __atomic_store_n(&target, value, __ATOMIC_RELAXED);
     return *this;
 }
 
@@ -166,12 +153,9 @@ constexpr char kTagsProperty[] = "debug.atrace.tags.enableflags";
 }  // namespace
 
 TraceCapture::TraceCapture(uint64_t tags)
-    : mOldFile(getProperty(kMarkerFileProperty)), mOldTags(getProperty(kTagsProperty)) {
-    char path[] = "/tmp/korvtest-trace-XXXXXX";
-    int fd = mkstemp(path);
-    if (fd < 0) abort();
-    ::close(fd);
-    mPath = path;
+    : mPath(makeTempFile("/tmp/korvtest-trace-XXXXXX")),
+      mOldFile(getProperty(kMarkerFileProperty)),
+      mOldTags(getProperty(kTagsProperty)) {
     property_set(kMarkerFileProperty, mPath.c_str());
     property_set(kTagsProperty, std::to_string(tags).c_str());
     atrace_update_tags();
@@ -185,23 +169,17 @@ TraceCapture::~TraceCapture() {
 }
 
 std::vector<std::string> traceEvents(std::string const& path) {
-    std::string const mark = ": tracing_mark_write: ";
+    static std::regex const kLine(
+            R"(.*\((\d+)\) \[\d+\] .{4} [\d.]+: tracing_mark_write: (.)\|(\d+)(.*))");
     std::vector<std::string> events;
     for (auto& line : readLines(path)) {
-        if (line.empty() || line[0] == '#') continue;
-        size_t const at = line.find(mark);
-        if (at == std::string::npos) {
-            events.push_back(line);  // not a systrace line: left whole for the assertion to show
-            continue;
+        std::smatch m;
+        if (line[0] == '#') continue;
+        if (!std::regex_match(line, m, kLine)) {
+            events.push_back(line);  // kept whole, for the assertion to show
+        } else {
+            events.push_back(m.str(2) + (m[1] == m[3] ? "" : "|" + m.str(3)) + m.str(4));
         }
-        std::string event = line.substr(at + mark.size());
-        size_t const open = line.rfind(" (", at) + 2;
-        std::string const pid = "|" + line.substr(open, line.find(')', open) - open);
-        if (!event.empty() && event.compare(1, pid.size(), pid) == 0 &&
-            (event.size() == 1 + pid.size() || event[1 + pid.size()] == '|')) {
-            event.erase(1, pid.size());
-        }
-        events.push_back(event);
     }
     return events;
 }
@@ -221,12 +199,8 @@ ScopedProperty::~ScopedProperty() {
     property_set(mKey.c_str(), mOld.c_str());
 }
 
-PropertiesFile::PropertiesFile(std::map<std::string, std::string> const& values) {
-    char path[] = "/tmp/korvtest-props-XXXXXX";
-    int fd = mkstemp(path);
-    if (fd < 0) abort();
-    ::close(fd);
-    mPath = path;
+PropertiesFile::PropertiesFile(std::map<std::string, std::string> const& values)
+    : mPath(makeTempFile("/tmp/korvtest-props-XXXXXX")) {
     std::ofstream out(mPath);
     for (auto& [key, value] : values) out << key << '=' << value << '\n';
 }
@@ -239,62 +213,15 @@ PropertiesFile::~PropertiesFile() {
 
 namespace {
 
-// Reads both pipes to their end and reaps `pid`, killing it when `timeout` passes first.
-ChildResult collect(pid_t pid, int outFd, int errFd, std::chrono::milliseconds timeout) {
-    ChildResult result;
-    auto const deadline = std::chrono::steady_clock::now() + timeout;
-    pollfd fds[2] = {{outFd, POLLIN, 0}, {errFd, POLLIN, 0}};
-    std::string* sinks[2] = {&result.out, &result.err};
-    int open = 2;
-    bool killed = false;
-    while (open > 0) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0) {
-            if (!killed) {
-                kill(pid, SIGKILL);
-                killed = true;
-                result.timedOut = true;
-            }
-            left = std::chrono::milliseconds(100);
-        }
-        int n = poll(fds, 2, static_cast<int>(left.count()));
-        if (n < 0 && errno != EINTR) break;
-        for (int i = 0; i < 2; ++i) {
-            if (fds[i].fd < 0 || fds[i].revents == 0) continue;
-            char buffer[4096];
-            ssize_t got = read(fds[i].fd, buffer, sizeof(buffer));
-            if (got > 0) {
-                sinks[i]->append(buffer, static_cast<size_t>(got));
-            } else if (got == 0 || errno != EINTR) {
-                ::close(fds[i].fd);
-                fds[i].fd = -1;
-                --open;
-            }
-        }
+std::string readAll(int fd) {
+    std::string text;
+    char buffer[4096];
+    ssize_t got;
+    for (off_t at = 0; (got = pread(fd, buffer, sizeof(buffer), at)) > 0; at += got) {
+        text.append(buffer, static_cast<size_t>(got));
     }
-    for (auto& fd : fds) {
-        if (fd.fd >= 0) ::close(fd.fd);
-    }
-    int status = 0;
-    while (true) {
-        pid_t done = waitpid(pid, &status, WNOHANG);
-        if (done == pid) break;
-        if (done < 0 && errno != EINTR) return result;
-        if (!killed && std::chrono::steady_clock::now() > deadline) {
-            kill(pid, SIGKILL);
-            killed = true;
-            result.timedOut = true;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    if (WIFEXITED(status)) {
-        result.exited = true;
-        result.exitCode = WEXITSTATUS(status);
-    } else if (WIFSIGNALED(status)) {
-        result.signal = WTERMSIG(status);
-    }
-    return result;
+    ::close(fd);
+    return text;
 }
 
 std::string selfPath() {
@@ -306,44 +233,64 @@ std::string selfPath() {
 
 }  // namespace
 
+// The child's standard output and error go to files, so that a child that writes much never
+// blocks on a full pipe.
+ChildResult runInChild(std::function<void()> const& body, std::chrono::milliseconds timeout) {
+    int const out = memfd_create("korvtest-out", MFD_CLOEXEC);
+    int const err = memfd_create("korvtest-err", MFD_CLOEXEC);
+    if (out < 0 || err < 0) abort();
+    fflush(stdout);
+    fflush(stderr);
+    pid_t const pid = fork();
+    if (pid < 0) abort();
+    if (pid == 0) {
+        dup2(out, STDOUT_FILENO);
+        dup2(err, STDERR_FILENO);
+        body();
+        fflush(stdout);
+        fflush(stderr);
+        _exit(0);
+    }
+    ChildResult result;
+    auto const deadline = std::chrono::steady_clock::now() + timeout;
+    int status = 0;
+    pid_t done;
+    while ((done = waitpid(pid, &status, WNOHANG)) == 0 || (done < 0 && errno == EINTR)) {
+        if (!result.timedOut && std::chrono::steady_clock::now() > deadline) {
+            kill(pid, SIGKILL);
+            result.timedOut = true;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    result.exited = done == pid && WIFEXITED(status);
+    result.exitCode = result.exited ? WEXITSTATUS(status) : -1;
+    result.signal = done == pid && WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+    result.out = readAll(out);
+    result.err = readAll(err);
+    return result;
+}
+
 ChildResult runChild(std::vector<std::string> const& argv,
                      std::vector<std::pair<std::string, std::string>> const& env,
                      std::chrono::milliseconds timeout) {
     // Everything the child needs is built before fork(): the child only calls async-signal-safe
     // functions.
     std::vector<std::string> environment;
-    for (char** e = environ; *e != nullptr; ++e) {
-        std::string entry = *e;
-        bool replaced = false;
-        for (auto& [key, value] : env) {
-            replaced = replaced || entry.compare(0, key.size() + 1, key + "=") == 0;
-        }
-        if (!replaced) environment.push_back(entry);
-    }
     for (auto& [key, value] : env) environment.push_back(key + "=" + value);
+    for (char** e = environ; *e != nullptr; ++e) environment.push_back(*e);  // after: getenv()
     std::vector<char*> envp;
     for (auto& entry : environment) envp.push_back(entry.data());
     envp.push_back(nullptr);
-    std::vector<std::string> args = argv;
     std::vector<char*> argp;
-    for (auto& arg : args) argp.push_back(arg.data());
+    for (auto& arg : argv) argp.push_back(const_cast<char*>(arg.c_str()));
     argp.push_back(nullptr);
 
-    int out[2];
-    int err[2];
-    if (pipe2(out, O_CLOEXEC) != 0) abort();
-    if (pipe2(err, O_CLOEXEC) != 0) abort();
-    pid_t pid = fork();
-    if (pid < 0) abort();
-    if (pid == 0) {
-        dup2(out[1], STDOUT_FILENO);
-        dup2(err[1], STDERR_FILENO);
-        execve(argp[0], argp.data(), envp.data());
-        _exit(127);
-    }
-    ::close(out[1]);
-    ::close(err[1]);
-    return collect(pid, out[0], err[0], timeout);
+    return runInChild(
+            [&] {
+                execve(argp[0], argp.data(), envp.data());
+                _exit(127);
+            },
+            timeout);
 }
 
 ChildResult runSelfChild(std::string const& testName,
@@ -358,41 +305,16 @@ ChildResult runSelfChild(std::string const& testName,
                     environment, timeout);
 }
 
-ChildResult runInChild(std::function<void()> const& body, std::chrono::milliseconds timeout) {
-    int out[2];
-    int err[2];
-    if (pipe2(out, O_CLOEXEC) != 0) abort();
-    if (pipe2(err, O_CLOEXEC) != 0) abort();
-    fflush(stdout);
-    fflush(stderr);
-    pid_t pid = fork();
-    if (pid < 0) abort();
-    if (pid == 0) {
-        dup2(out[1], STDOUT_FILENO);
-        dup2(err[1], STDERR_FILENO);
-        body();
-        fflush(stdout);
-        fflush(stderr);
-        _exit(0);
-    }
-    ::close(out[1]);
-    ::close(err[1]);
-    return collect(pid, out[0], err[0], timeout);
-}
-
 // --- Descriptors and waiting -------------------------------------------------------------------
 
 std::set<int> openFds() {
     std::set<int> fds;
-    DIR* dir = opendir("/proc/self/fd");
-    if (dir == nullptr) return fds;
-    int const own = dirfd(dir);
-    while (dirent* entry = readdir(dir)) {
-        if (entry->d_name[0] == '.') continue;
-        int fd = atoi(entry->d_name);
-        if (fd != own) fds.insert(fd);
+    for (auto const& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        fds.insert(std::stoi(entry.path().filename().string()));
     }
-    closedir(dir);
+    // The listing's own descriptor is closed by now.
+    for (auto fd = fds.begin(); fd != fds.end();)
+        fd = fcntl(*fd, F_GETFD) < 0 ? fds.erase(fd) : ++fd;
     return fds;
 }
 
@@ -412,10 +334,8 @@ std::vector<std::string> readLines(std::string const& path) {
     return lines;
 }
 
-TempDir::TempDir() {
-    char path[] = "/tmp/korvtest-dir-XXXXXX";
-    if (mkdtemp(path) == nullptr) abort();
-    mPath = path;
+TempDir::TempDir() : mPath("/tmp/korvtest-dir-XXXXXX") {
+    if (mkdtemp(mPath.data()) == nullptr) abort();
 }
 
 TempDir::~TempDir() {

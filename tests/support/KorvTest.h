@@ -12,6 +12,7 @@
 // one of a kind at a time.
 #pragma once
 
+#include <qrvcam/ulog/ULog.h>
 #include <stdint.h>
 #include <sys/types.h>
 
@@ -25,9 +26,16 @@
 #include <utility>
 #include <vector>
 
-#include <qrvcam/ulog/ULog.h>
-
 namespace korvtest {
+
+using ULogger = NSCam::Utils::ULog::ULogger;
+
+// The helpers restore what they changed: a copy would restore it twice.
+struct NoCopy {
+    NoCopy() = default;
+    NoCopy(NoCopy const&) = delete;
+    NoCopy& operator=(NoCopy const&) = delete;
+};
 
 // --- Android log -----------------------------------------------------------------------------
 
@@ -39,12 +47,10 @@ struct LogRecord {
 
 // Captures every liblog record of this process (minimum priority lowered to verbose while it
 // lives). Restores liblog's stderr logger and the previous minimum priority afterwards.
-class AndroidLogCapture {
+class AndroidLogCapture : NoCopy {
 public:
     AndroidLogCapture();
     ~AndroidLogCapture();
-    AndroidLogCapture(AndroidLogCapture const&) = delete;
-    AndroidLogCapture& operator=(AndroidLogCapture const&) = delete;
 
     std::vector<LogRecord> records() const;
     // Records with this tag.
@@ -70,7 +76,7 @@ struct ULogRecord {
 };
 
 // A ULog sink that records; installed as ULogger::sULogger while it lives. Any thread.
-class ULogCapture : public NSCam::Utils::ULog::ULogger {
+class ULogCapture : public ULogger {
 public:
     ULogCapture();
     ~ULogCapture() override;
@@ -82,13 +88,12 @@ public:
 
     std::vector<ULogRecord> records() const;
     std::vector<std::string> texts(std::string_view tag) const;
-    size_t count(std::string_view tag, std::string_view needle) const;
     void clear();
 
 private:
     mutable std::mutex mMutex;
     std::vector<ULogRecord> mRecords;
-    NSCam::Utils::ULog::ULogger* mPrevious;
+    ULogger* mPrevious;
 };
 
 // Saves the three ULog switches and restores them. The setters store atomically, so a library
@@ -97,11 +102,12 @@ class ScopedSwitches {
 public:
     ScopedSwitches();
     ~ScopedSwitches();
-    ScopedSwitches& mode(uint32_t value);
-    ScopedSwitches& details(uint32_t value);
-    ScopedSwitches& mask(uint32_t value);
+    ScopedSwitches& mode(uint32_t value) { return set(ULogger::sMode, value); }
+    ScopedSwitches& details(uint32_t value) { return set(ULogger::sDetailsLevel, value); }
+    ScopedSwitches& mask(uint32_t value) { return set(ULogger::sNormalDetailsMask, value); }
 
 private:
+    ScopedSwitches& set(uint32_t& target, uint32_t value);
     uint32_t mMode;
     uint32_t mDetails;
     uint32_t mMask;
@@ -116,12 +122,10 @@ std::vector<std::string> traceEvents(std::string const& path);
 
 // Points the trace writer at a temporary marker file and enables `tags` (the camera tag by
 // default). Restores the properties and re-reads them afterwards.
-class TraceCapture {
+class TraceCapture : NoCopy {
 public:
     explicit TraceCapture(uint64_t tags = UINT64_C(1) << 10);
     ~TraceCapture();
-    TraceCapture(TraceCapture const&) = delete;
-    TraceCapture& operator=(TraceCapture const&) = delete;
 
     // traceEvents() of everything written so far.
     std::vector<std::string> events() const { return traceEvents(mPath); }
@@ -138,12 +142,10 @@ private:
 // --- Properties ------------------------------------------------------------------------------
 
 // Sets a property in this process and restores its former in-process value (empty: unset).
-class ScopedProperty {
+class ScopedProperty : NoCopy {
 public:
     ScopedProperty(std::string key, std::string const& value);
     ~ScopedProperty();
-    ScopedProperty(ScopedProperty const&) = delete;
-    ScopedProperty& operator=(ScopedProperty const&) = delete;
 
 private:
     std::string mKey;
@@ -205,12 +207,10 @@ bool waitFor(std::function<bool()> const& condition,
 std::vector<std::string> readLines(std::string const& path);
 
 // A fresh temporary directory, removed with its contents when destroyed.
-class TempDir {
+class TempDir : NoCopy {
 public:
     TempDir();
     ~TempDir();
-    TempDir(TempDir const&) = delete;
-    TempDir& operator=(TempDir const&) = delete;
     std::string const& path() const { return mPath; }
 
 private:
