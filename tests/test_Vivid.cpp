@@ -3,7 +3,7 @@
 // the request API (`make test-vivid` boots a VM that has them). Skipped where /dev/video0 is not
 // vivid's.
 //
-// What the scripted double of test_SystemCall_Device.cpp cannot show: that the buffers and
+// What the scripted doubles of test_SystemCall.cpp cannot show: that the buffers and
 // requests the wrappers hand over really travel through the driver, and which errno a real
 // driver answers in each situation, since that decides whether a wrapper stays quiet or ends the
 // process.
