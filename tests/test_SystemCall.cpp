@@ -3,10 +3,12 @@
 //
 // This executable defines the C library calls that the wrappers make, and raise(), nanosleep()
 // and the steady clock; the library binds to them by symbol preemption. Each double forwards to
-// the real call unless the script names it. A scripted file or event call fails once (the
-// descriptor listing that may follow uses the same calls); a scripted ioctl answers every call and
-// records it, and meanwhile raise() and nanosleep() record what they were asked instead of doing
-// it. The real endings are death tests.
+// the real call unless the script names it. A scripted file or event call answers once with the
+// scripted result and errno (the descriptor listing that may follow uses the same calls; write()
+// only for the descriptor number kBadFd, since the trace writer writes too); a scripted ioctl
+// answers every call and records it, and meanwhile raise() and nanosleep() record what they were
+// asked instead of doing it. With `elapsedNs` set, the clock's readings come in pairs that far
+// apart. The real endings are death tests.
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -99,7 +101,6 @@ KORV_DOUBLE(int, epoll_create, (int s), s)
 KORV_DOUBLE(int, epoll_ctl, (int e, int op, int fd, epoll_event* ev), e, op, fd, ev)
 KORV_DOUBLE(int, epoll_wait, (int e, epoll_event* ev, int m, int t), e, ev, m, t)
 
-// Only for the test's own descriptor number: the trace writer writes too.
 extern "C" ssize_t write(int fd, void const* b, size_t n) {
     static auto* const real = realCall<ssize_t(int, void const*, size_t)>("write");
     return fd == kBadFd && scripted("write") ? answer<ssize_t>() : real(fd, b, n);
@@ -331,12 +332,12 @@ TEST_F(SystemCallTest, FileAndEventCallsReportHookAndReturn) {
             EXPECT_EQ(untag(0, 0), 0);
         }
     }
-    closedir(dir);
     EXPECT_TRUE(logged().empty());
 
     // Other errno values list nothing; a signal's EINTR is no failure of EPollWait at all.
     Scripted closing("closedir", -1, EBADF);
-    EXPECT_EQ(System::CloseDir(nullptr), -EBADF);
+    EXPECT_EQ(System::CloseDir(dir), -EBADF);
+    closedir(dir);
     Scripted waking("epoll_wait", -1, EINTR);
     EXPECT_EQ(System::EPollWait(4, nullptr, 1, -1), -EINTR);
     EXPECT_EQ(logged(),
