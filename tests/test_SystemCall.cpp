@@ -173,7 +173,8 @@ std::string exceptionText(std::string const& request, int err) {
 // What a failure must log, in the form logged() gives: each error line `plain` ("[<name>] ...")
 // with the suffix " (<name>){#<line>:src/utils/sys/SystemCall}" on the Android route and plain on
 // ULog; after each, with `listing`, one info line per open descriptor and one for the listing's
-// own; after all, for a driver fault, the exception report of `exception`.
+// own; after all, for a driver fault, the exception report of `exception`. Records not of the
+// syscall tag name theirs.
 std::vector<std::string> failure(std::vector<std::string> const& plains, bool listing,
                                  std::string const& exception = "") {
     std::vector<std::string> android;
@@ -187,11 +188,13 @@ std::vector<std::string> failure(std::vector<std::string> const& plains, bool li
         ulog.insert(ulog.end(), listed, "U3|[dumpProcessFileState] listing");
     }
     if (!exception.empty()) {
-        std::string const own = "[korvalite_xem_trigger_exception] ";
-        android.insert(android.end(), {"4|" + own + "+ " + exception, "4|trace pause",
-                                       "6|exception module=tovrix path=null: " + exception,
-                                       "4|" + own + "- " + exception});
-        ulog.insert(ulog.end(), {"U3|" + own + "+ " + exception, "U3|" + own + "- " + exception});
+        std::string const own = "korvalite-Xem 4|[korvalite_xem_trigger_exception] ";
+        android.insert(android.end(),
+                       {own + "+ " + exception, "qrvcam-xem 4|trace pause",
+                        "qrvcam-xem 6|exception module=tovrix path=null: " + exception,
+                        own + "- " + exception});
+        std::string const ownU = "Ukorvalite-Xem 3|[korvalite_xem_trigger_exception] ";
+        ulog.insert(ulog.end(), {ownU + "+ " + exception, ownU + "- " + exception});
     }
     android.insert(android.end(), ulog.begin(), ulog.end());
     return android;
@@ -202,21 +205,23 @@ protected:
     SystemCallTest() { mSwitches.mode(0x3).details(3); }
 
     // Every record since the last call: Android ones as "<priority>|<text>" with a suffix's line
-    // number as N, then ULog ones as "U<level>|<text>". Each line of the descriptor listing must
+    // number as N, then ULog ones as "U<level>|<text>", each led by "<tag> " unless its tag is the
+    // syscall one. Each line of the descriptor listing must
     // name a descriptor and its target as /proc gives it, cut to the link's size, and reads
     // "... listing" here.
     std::vector<std::string> logged() {
         std::vector<std::string> records;
         for (auto const& r : mLog.records()) {
-            records.push_back(std::to_string(r.priority) + "|" + listing(r.text));
+            records.push_back(other(r.tag) + std::to_string(r.priority) + "|" + listing(r.text));
         }
         for (auto const& r : mULog.records()) {
-            records.push_back("U" + std::to_string(r.level) + "|" + listing(r.text));
+            records.push_back("U" + other(r.tag) + std::to_string(r.level) + "|" + listing(r.text));
         }
         mLog.clear();
         mULog.clear();
         return records;
     }
+    static std::string other(std::string const& tag) { return tag == kTag ? "" : tag + " "; }
     static std::string listing(std::string const& text) {
         int fd = -1;
         if (sscanf(text.c_str(), "[dumpProcessFileState] %d -> ", &fd) != 1) {
