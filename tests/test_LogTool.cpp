@@ -1,12 +1,53 @@
-// Log time stamps: local time, truncated microseconds, always 21 characters.
+// Log time stamps: local time, truncated microseconds, always 21 characters; where a write fails
+// the sample's characters remain, with a warning.
+//
+// This executable defines strftime() and snprintf(); the library binds to them by symbol
+// preemption. While a script is active each records the size it was given and, when a result is
+// scripted for it, writes nothing and returns that result.
 
+#include <android/log.h>
+#include <dlfcn.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <korvalite/LogTool.h>
+#include <stdarg.h>
 #include <stdlib.h>
 #include <time.h>
 
 #include <climits>
+#include <optional>
 #include <string>
+
+#include "support/KorvTest.h"
+
+namespace {
+
+struct Script {
+    bool active = false;
+    std::optional<size_t> strftimeResult;
+    std::optional<int> snprintfResult;
+    std::vector<size_t> sizes;
+} gScript;
+
+}  // namespace
+
+extern "C" size_t strftime(char* s, size_t max, char const* format, tm const* t) {
+    static auto* const real = reinterpret_cast<size_t (*)(char*, size_t, char const*, tm const*)>(
+            dlsym(RTLD_NEXT, "strftime"));
+    if (gScript.active) gScript.sizes.push_back(max);
+    return gScript.active && gScript.strftimeResult ? *gScript.strftimeResult
+                                                    : real(s, max, format, t);
+}
+
+extern "C" int snprintf(char* s, size_t max, char const* format, ...) {
+    if (gScript.active) gScript.sizes.push_back(max);
+    if (gScript.active && gScript.snprintfResult) return *gScript.snprintfResult;
+    va_list args;
+    va_start(args, format);
+    int result = vsnprintf(s, max, format, args);
+    va_end(args);
+    return result;
+}
 
 namespace {
 
@@ -20,16 +61,30 @@ std::string format(time_t seconds, long nanoseconds) {
     return convertToFormattedLogTime(ts);
 }
 
-TEST(LogTimeTest, FormatsLocalTimeWithTruncatedMicrosecondsIn21Characters) {
-    std::string const oldZone = getenv("TZ") != nullptr ? getenv("TZ") : "";
-    setenv("TZ", "XXX-2", 1);  // two hours east of UTC
-    tzset();
-    EXPECT_EQ(format(0, 999), "01-01 02:00:00.000000");
-    EXPECT_EQ(format(0, 999999999), "01-01 02:00:00.999999");
-    setenv("TZ", "UTC0", 1);
-    tzset();
+class LogTimeTest : public ::testing::Test {
+protected:
+    LogTimeTest() {
+        mSwitches.mode(1).details(2);
+        setZone("UTC0");
+    }
+    ~LogTimeTest() override { setZone(mOldZone.empty() ? nullptr : mOldZone.c_str()); }
+
+    static void setZone(char const* zone) {
+        zone != nullptr ? setenv("TZ", zone, 1) : unsetenv("TZ");
+        tzset();
+    }
+
+    std::string const mOldZone = getenv("TZ") != nullptr ? getenv("TZ") : "";
+    korvtest::ScopedSwitches mSwitches;
+    korvtest::AndroidLogCapture mLog;
+};
+
+TEST_F(LogTimeTest, FormatsLocalTimeWithTruncatedMicrosecondsIn21Characters) {
     EXPECT_EQ(format(0, 0), "01-01 00:00:00.000000");
     EXPECT_EQ(format(1700000000, 123456789), "11-14 22:13:20.123456");
+    setZone("XXX-2");  // two hours east of UTC
+    EXPECT_EQ(format(0, 999), "01-01 02:00:00.000000");
+    EXPECT_EQ(format(0, 999999999), "01-01 02:00:00.999999");
     for (time_t s : {time_t{-1}, time_t{INT_MIN}, time_t{LLONG_MAX}, time_t{LLONG_MIN}}) {
         for (long ns : {-1L, 1000000000L, LONG_MAX, LONG_MIN}) {
             std::string const text = format(s, ns);
@@ -37,11 +92,46 @@ TEST(LogTimeTest, FormatsLocalTimeWithTruncatedMicrosecondsIn21Characters) {
             EXPECT_EQ(text.find('\0'), std::string::npos) << s << " s " << ns << " ns";
         }
     }
-    oldZone.empty() ? unsetenv("TZ") : setenv("TZ", oldZone.c_str(), 1);
-    tzset();
+    EXPECT_TRUE(mLog.records().empty());
 }
 
-TEST(LogTimeTest, CurrentTimeIsTheRealTimeClock) {
+// Each write is bounded by what is left of the 21 characters and the terminator; where it wrote
+// nothing the sample shows through, and a result below 1 is warned about at warning level.
+TEST_F(LogTimeTest, FailedWritesKeepTheSampleAndWarn) {
+    std::string const strftimeLine = "[convertToFormattedLogTime] 0 returned from strftime";
+    struct Case {
+        std::optional<size_t> strftimeResult;
+        std::optional<int> snprintfResult;
+        std::string stamp;
+        std::vector<std::string> warnings;
+    };
+    for (auto const& c : std::vector<Case>{
+                 {{}, {}, "01-01 00:00:01.000002", {}},
+                 {0, {}, "01-01 02:32:54.000002", {strftimeLine}},
+                 {1, 1, "01-01 02:32:54.123456", {}},
+                 // strftime's terminator stays where the fraction was not written.
+                 {{},
+                  0,
+                  std::string("01-01 00:00:01") + '\0' + "123456",
+                  {"[convertToFormattedLogTime] 0 returned from snprintf"}},
+                 {0,
+                  -1,
+                  "01-01 02:32:54.123456",
+                  {strftimeLine, "[convertToFormattedLogTime] -1 returned from snprintf"}}}) {
+        SCOPED_TRACE(c.stamp);
+        mLog.clear();
+        gScript = Script{true, c.strftimeResult, c.snprintfResult, {}};
+        std::string const stamp = format(1, 2999);
+        std::vector<size_t> const sizes = gScript.sizes;
+        gScript = Script{};
+        EXPECT_EQ(stamp, c.stamp);
+        EXPECT_EQ(sizes, (std::vector<size_t>{22, 8}));
+        EXPECT_EQ(mLog.texts("korvalite-LogTool"), c.warnings);
+        for (auto& record : mLog.records()) EXPECT_EQ(record.priority, ANDROID_LOG_WARN);
+    }
+}
+
+TEST(LogTime, CurrentTimeIsTheRealTimeClock) {
     timespec before{};
     timespec now{-1, -1};
     timespec after{};

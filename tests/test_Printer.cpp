@@ -1,7 +1,11 @@
 // The file printer: prefix column, unlimited lines, borrowed stream, warnings and the fatal
 // null stream.
+//
+// This executable defines vasprintf(); the library binds to it by symbol preemption. While a
+// result is scripted it returns that result without formatting.
 
 #include <android/log.h>
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <korvalite/Korv-Printer.h>
 #include <signal.h>
@@ -11,10 +15,21 @@
 #include <unistd.h>
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "support/KorvTest.h"
+
+namespace {
+std::optional<int> gResult;  // the scripted result; touched by the test's thread only
+}  // namespace
+
+extern "C" int vasprintf(char** text, char const* format, va_list args) {
+    static auto* const real =
+            reinterpret_cast<int (*)(char**, char const*, va_list)>(dlsym(RTLD_NEXT, "vasprintf"));
+    return gResult ? *gResult : real(text, format, args);
+}
 
 namespace {
 
@@ -44,8 +59,9 @@ TEST(FilePrinterTest, PrefixColumnIsAMinimumWidthAndLinesHaveNoLimit) {
     EXPECT_EQ("abcdefcd\n", line(2, "abcdef", "cd"));    // a longer prefix is printed whole
     EXPECT_EQ("%d100%s%n\n", line(1, "%d", "100%s%n"));  // neither prefix nor line is a format
     std::string const longText(6000, 'x');
-    EXPECT_EQ("p " + longText + "|42\n", printed(2, "p", [&](IPrinter& p) {
+    EXPECT_EQ("p " + longText + "|42\np \n", printed(2, "p", [&](IPrinter& p) {
                   p.printFormatLine("%s|%d", longText.c_str(), 42);
+                  p.printFormatLine("%s", "");
               }));
 }
 
@@ -65,17 +81,30 @@ TEST(FilePrinterTest, LeavesTheStreamOpenAndUnflushed) {
     EXPECT_EQ(korvtest::readLines(path), (std::vector<std::string>{"p:one", "two"}));
 }
 
-TEST(FilePrinterTest, LostLinesAreWarnedAboutAtWarningLevel) {
+// Lost lines are warned about at warning level; a line that cannot be formatted is an error line
+// with its fixed source line, and nothing is printed.
+TEST(FilePrinterTest, LostLinesAreReported) {
     korvtest::AndroidLogCapture log;
+    korvtest::ULogCapture ulog;
     korvtest::ScopedSwitches switches;
-    switches.mode(1).details(2);
+    switches.mode(0x3).details(2);
     EXPECT_EQ(printed(0, "p", [](IPrinter& p) { p.printLine(nullptr); }), "");
     // A column wider than printf can count makes fprintf fail.
     printed(4294967295u, "p", [](IPrinter& p) { p.printLine("x"); });
-    EXPECT_EQ(log.texts("korvalite-Printer"),
-              (std::vector<std::string>{"[printLine] NULL string passed in",
-                                        "[printLine] -1 returned from fprintf"}));
-    EXPECT_EQ(ANDROID_LOG_WARN, log.withTag("korvalite-Printer").at(0).priority);
+    gResult = -1;
+    std::string const text = printed(0, "p", [](IPrinter& p) { p.printFormatLine("%d", 1); });
+    gResult.reset();
+    EXPECT_EQ(text, "");
+    std::vector<std::string> expected = {"[printLine] NULL string passed in",
+                                         "[printLine] -1 returned from fprintf",
+                                         "[printFormatLine] Failed to format string"};
+    EXPECT_EQ(ulog.texts("korvalite-Printer"), expected);
+    expected.back() += " (printFormatLine){#91:src/utils/sys/Korv-Printer}";
+    EXPECT_EQ(log.texts("korvalite-Printer"), expected);
+    std::vector<int> priorities;
+    for (auto& record : log.withTag("korvalite-Printer")) priorities.push_back(record.priority);
+    EXPECT_EQ(priorities,
+              (std::vector<int>{ANDROID_LOG_WARN, ANDROID_LOG_WARN, ANDROID_LOG_ERROR}));
 }
 
 // In the child: each Android-log record and ULog call, written straight to stdout as it happens,

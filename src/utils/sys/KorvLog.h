@@ -208,19 +208,6 @@ namespace {
     KORV_LOG_AT_LEVEL(::NSCam::NSKorvalite::korvlog::kLevelDebug, ANDROID_LOG_DEBUG, format, \
                       ##__VA_ARGS__)
 
-// An error line without the Android suffix (the texts that define none, such as the descriptor
-// listing's). Not gated.
-#define KORV_LOGE_PLAIN(format, ...)                                                       \
-    do {                                                                                   \
-        ::NSCam::NSKorvalite::korvlog::ErrnoKeeper korvErrnoKeeper_;                       \
-        if (::NSCam::NSKorvalite::korvlog::androidRoute())                                 \
-            __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, format, ##__VA_ARGS__);        \
-        if (::NSCam::NSKorvalite::korvlog::ulogRoute())                                    \
-            ::NSCam::NSKorvalite::korvlog::ulogRecord(                                     \
-                    LOG_TAG, ::NSCam::NSKorvalite::korvlog::kLevelError, format,           \
-                    ##__VA_ARGS__);                                                        \
-    } while (0)
-
 // Error line whose format starts with "[%s] " and `name`; the Android form adds
 // " (%s){#%d:%s}" with `name`, `line` and KORV_SOURCE_PATH. Not gated.
 #define KORV_LOGE_AT(line, format, name, ...)                                              \

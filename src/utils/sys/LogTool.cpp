@@ -31,8 +31,9 @@ int getCurrentLogTime(timespec& ts) {
 std::string convertToFormattedLogTime(timespec const& ts) {
     tm local{};
     time_t seconds = ts.tv_sec;
-    // A failed conversion leaves `local` zeroed; the stamp then reads as that, which is still a
-    // well-formed field.
+    // The result is not checked: on an out-of-range time glibc still fills `local` in part (the
+    // time of day and a wrapped year; month and day stay zero), and the stamp reads as that, e.g.
+    // "01-00 15:30:07": still a well-formed field of the same width.
     localtime_r(&seconds, &local);
 
     // Both writes go into the string's own storage, including its terminator slot (writing '\0'

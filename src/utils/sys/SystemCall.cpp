@@ -114,13 +114,22 @@ void handleErrno(int err) {
     errno = saved;
 }
 
-// The driver refused a request and the report is out. The pipeline cannot recover from that, so
-// the process ends itself and the camera service restarts it. SIGTERM first, so that the
-// process's handlers can flush; SIGKILL 100 ms later in case SIGTERM was handled or ignored. The
-// loop is only for raise() calls that fail. If a raise reports success and the process still
-// lives (not on a normal system: SIGKILL cannot be caught), the wrapper returns its error rather
-// than spinning here.
-__attribute__((noinline, cold)) void endProcessAfterDriverFault() {
+// The exception text of a refused request: it names the request and routes the report to the
+// driver's owners. Built at compile time, so each call site hands over one literal.
+#define KORV_DRIVER_FAULT(request) \
+    request " err=%d(%s) Please check TovrixKernel.\nCRDISPATCH_KEY:TovrixKernel"
+
+// The driver refused a request and its error line is out (at the call site, for its line number).
+// The pipeline cannot recover from that, so after the errno hook and the exception report the
+// process ends itself and the camera service restarts it. SIGTERM first, so that the process's
+// handlers can flush; SIGKILL 100 ms later in case SIGTERM was handled or ignored. The loop is
+// only for raise() calls that fail. If a raise reports success and the process still lives (not
+// on a normal system: SIGKILL cannot be caught), the wrapper returns its error rather than
+// spinning here. Returns the wrapper's result, -err.
+__attribute__((noinline, cold, format(printf, 2, 0))) int driverFault(int err,
+                                                                     char const* report) {
+    handleErrno(err);
+    korvalite_xem_trigger_exception(kXemModule, report, -err, strerror(err));
     for (;;) {
         int term = raise(SIGTERM);
         timespec pause = {0, 100000000};
@@ -128,6 +137,7 @@ __attribute__((noinline, cold)) void endProcessAfterDriverFault() {
         int kill = raise(SIGKILL);
         if (term == 0 || kill == 0) break;
     }
+    return -err;
 }
 
 // Timing of the two queue calls is decided by the switches captured when the library loaded; a
@@ -448,14 +458,7 @@ int AllocMediaRequest(int mediaFd, unsigned long tag) {
         int err = errno;
         KORV_LOGE("[%s] ioctl(%d, MEDIA_IOC_REQUEST_ALLOC) return %d: err=%d(%s)",
                   "AllocMediaRequest", mediaFd, result, -err, strerror(err));
-        handleErrno(err);
-        korvalite_xem_trigger_exception(
-                kXemModule,
-                "MEDIA_IOC_REQUEST_ALLOC err=%d(%s) Please check TovrixKernel.\n"
-                "CRDISPATCH_KEY:TovrixKernel",
-                -err, strerror(err));
-        endProcessAfterDriverFault();
-        return -err;
+        return driverFault(err, KORV_DRIVER_FAULT("MEDIA_IOC_REQUEST_ALLOC"));
     }
     takeOwnership(requestFd, tag);
     return requestFd;
@@ -469,14 +472,7 @@ int ReinitMediaRequest(int requestFd) {
         int err = errno;
         KORV_LOGE("[%s] ioctl(%d, MEDIA_REQUEST_IOC_REINIT): err=%d(%s)", "ReinitMediaRequest",
                   requestFd, -err, strerror(err));
-        handleErrno(err);
-        korvalite_xem_trigger_exception(
-                kXemModule,
-                "MEDIA_REQUEST_IOC_REINIT err=%d(%s) Please check TovrixKernel.\n"
-                "CRDISPATCH_KEY:TovrixKernel",
-                -err, strerror(err));
-        endProcessAfterDriverFault();
-        return -err;
+        return driverFault(err, KORV_DRIVER_FAULT("MEDIA_REQUEST_IOC_REINIT"));
     }
     return 0;
 }
@@ -488,14 +484,7 @@ int QueueMediaRequest(int requestFd) {
         int err = errno;
         KORV_LOGE("[%s] ioctl(%d, MEDIA_REQUEST_IOC_QUEUE): err=%d(%s)", "QueueMediaRequest",
                   requestFd, -err, strerror(err));
-        handleErrno(err);
-        korvalite_xem_trigger_exception(
-                kXemModule,
-                "MEDIA_REQUEST_IOC_QUEUE err=%d(%s) Please check TovrixKernel.\n"
-                "CRDISPATCH_KEY:TovrixKernel",
-                -err, strerror(err));
-        endProcessAfterDriverFault();
-        return -err;
+        return driverFault(err, KORV_DRIVER_FAULT("MEDIA_REQUEST_IOC_QUEUE"));
     }
     return 0;
 }
@@ -507,13 +496,7 @@ int QueueVideoNodeBuf(int fd, void* buffer) {
         int err = errno;
         KORV_LOGE("[%s] ioctl(%d, VIDIOC_QBUF): %d(%s)", "QueueVideoNodeBuf", fd, -err,
                   strerror(err));
-        handleErrno(err);
-        korvalite_xem_trigger_exception(kXemModule,
-                                        "VIDIOC_QBUF err=%d(%s) Please check TovrixKernel.\n"
-                                        "CRDISPATCH_KEY:TovrixKernel",
-                                        -err, strerror(err));
-        endProcessAfterDriverFault();
-        return -err;
+        return driverFault(err, KORV_DRIVER_FAULT("VIDIOC_QBUF"));
     }
     return 0;
 }
@@ -527,13 +510,7 @@ int DQueueVideoNodeBuf(int fd, void* buffer) {
         if (err == EAGAIN) return -EAGAIN;
         KORV_LOGE("[%s] ioctl(%d, VIDIOC_DQBUF): %d(%s)", "DQueueVideoNodeBuf", fd, -err,
                   strerror(err));
-        handleErrno(err);
-        korvalite_xem_trigger_exception(kXemModule,
-                                        "VIDIOC_DQBUF err=%d(%s) Please check TovrixKernel.\n"
-                                        "CRDISPATCH_KEY:TovrixKernel",
-                                        -err, strerror(err));
-        endProcessAfterDriverFault();
-        return -err;
+        return driverFault(err, KORV_DRIVER_FAULT("VIDIOC_DQBUF"));
     }
     return 0;
 }
@@ -547,13 +524,7 @@ int DQueueEvent(int fd, void* event) {
     if (result < 0) {
         int err = errno;
         KORV_LOGE("[%s] ioctl(%d, VIDIOC_DQEVENT): %d(%s)", "DQueueEvent", fd, -err, strerror(err));
-        handleErrno(err);
-        korvalite_xem_trigger_exception(kXemModule,
-                                        "VIDIOC_DQEVENT err=%d(%s) Please check TovrixKernel.\n"
-                                        "CRDISPATCH_KEY:TovrixKernel",
-                                        -err, strerror(err));
-        endProcessAfterDriverFault();
-        return -err;
+        return driverFault(err, KORV_DRIVER_FAULT("VIDIOC_DQEVENT"));
     }
     return 0;
 }
@@ -565,14 +536,7 @@ int AddIova(int fd, int request, void* arg) {
     if (result < 0) {
         int err = errno;
         KORV_LOGE("[%s] ioctl(%d, %#x): %d(%s)", "AddIova", fd, code, -err, strerror(err));
-        handleErrno(err);
-        korvalite_xem_trigger_exception(
-                kXemModule,
-                "QRVDIP_IOC_ADD_IOVA err=%d(%s) Please check TovrixKernel.\n"
-                "CRDISPATCH_KEY:TovrixKernel",
-                -err, strerror(err));
-        endProcessAfterDriverFault();
-        return -err;
+        return driverFault(err, KORV_DRIVER_FAULT("QRVDIP_IOC_ADD_IOVA"));
     }
     return 0;
 }
@@ -584,14 +548,7 @@ int DelIova(int fd, int request, void* arg) {
     if (result < 0) {
         int err = errno;
         KORV_LOGE("[%s] ioctl(%d, %#x): %d(%s)", "DelIova", fd, code, -err, strerror(err));
-        handleErrno(err);
-        korvalite_xem_trigger_exception(
-                kXemModule,
-                "QRVDIP_IOC_DEL_IOVA err=%d(%s) Please check TovrixKernel.\n"
-                "CRDISPATCH_KEY:TovrixKernel",
-                -err, strerror(err));
-        endProcessAfterDriverFault();
-        return -err;
+        return driverFault(err, KORV_DRIVER_FAULT("QRVDIP_IOC_DEL_IOVA"));
     }
     return 0;
 }
