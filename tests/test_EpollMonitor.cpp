@@ -1,20 +1,15 @@
-// Event monitor: registration and its table, the state texts, fatal paths, trace sections, and the
-// running side (dispatch, exit handshake, readyToRun, signals, re-entry). Where the order matters
-// the monitor is stepped on the test thread. Delivery under concurrent use is left to the
-// reliability tests.
+// Event monitor: registration and its table, the state texts, every log line, fatal paths, trace
+// sections and the running side. The loop is stepped on the test thread wherever order matters.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <korvalite/EpollMonitor.h>
-#include <sched.h>
 #include <signal.h>
-#include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <climits>
 #include <fstream>
 #include <sstream>
@@ -27,32 +22,14 @@ namespace {
 
 using korvtest::waitFor;
 
-// A descriptor (its own eventfd unless given one, closed only if owned); onEvent() drains it,
-// records what it got and runs `hook`.
-struct FdObserver : IEventObserver {
-    explicit FdObserver(int fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC), bool owns = true)
-        : mFd(fd), mOwns(owns) {}
-    ~FdObserver() override {
-        if (mOwns) close(mFd);
-    }
+using Observer = korvtest::EventFdObserver;
+
+// An observer of a descriptor it does not own, never called.
+struct FdOnly : IEventObserver {
+    explicit FdOnly(int fd) : mFd(fd) {}
     int getEventFD() const override { return mFd; }
-    void onEvent(OnEvent const& event) override {
-        uint64_t value;
-        ssize_t n = read(mFd, &value, sizeof(value));
-        (void)n;
-        last = event;
-        if (hook) hook(event);
-        calls++;
-    }
-    void signal() {
-        uint64_t one = 1;
-        ASSERT_EQ(write(mFd, &one, sizeof(one)), 8);
-    }
+    void onEvent(OnEvent const&) override {}
     int const mFd;
-    bool const mOwns;
-    std::function<void(OnEvent const&)> hook;  // set before attaching
-    OnEvent last{};
-    std::atomic<int> calls{0};
 };
 
 std::shared_ptr<EpollMonitor> makeMonitor(char const* name = "abc") {
@@ -61,6 +38,7 @@ std::shared_ptr<EpollMonitor> makeMonitor(char const* name = "abc") {
 
 std::string addr(void const* p) {
     std::ostringstream os;
+    os.imbue(std::locale::classic());
     os << p;
     return os.str();
 }
@@ -86,68 +64,8 @@ EpollSet epollSet(EpollMonitor const& monitor) {
     return set;
 }
 
-std::atomic<int> gSignals{0};
-
-// Sends SIGUSR1 to thread `tid` once it waits in epoll, and waits until it was handled.
-void interruptEpollWait(int tid) {
-    auto waiting = [&] {
-        std::ifstream in("/proc/self/task/" + std::to_string(tid) + "/wchan");
-        std::string function;
-        return in >> function && function == "do_epoll_wait";
-    };
-    int const before = gSignals;
-    ASSERT_TRUE(waitFor(waiting));
-    ASSERT_EQ(syscall(SYS_tgkill, getpid(), tid, SIGUSR1), 0);
-    ASSERT_TRUE(waitFor([&] { return gSignals > before; }));
-}
-
-// Many threads register distinct descriptors at once: afterwards the table, the kernel's epoll set
-// and the counters agree on exactly who is attached, with which events and which observer.
-TEST(EpollMonitor, ConcurrentRegistrationKeepsTableEpollSetAndCountersInStep) {
-    constexpr int kThreads = 8, kPerThread = 4, kCycles = 200;
-    auto monitor = makeMonitor("stress");
-    std::vector<std::unique_ptr<FdObserver>> observers;
-    for (int i = 0; i < kThreads * kPerThread; ++i)
-        observers.push_back(std::make_unique<FdObserver>());
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&, t] {
-            for (int cycle = 0; cycle < kCycles; ++cycle) {
-                for (int k = 0; k < kPerThread; ++k) {
-                    FdObserver* observer = observers[t * kPerThread + k].get();
-                    monitor->attach(observer, EPOLLIN);
-                    monitor->modify(observer, EPOLLIN | EPOLLET);
-                    // The last cycle leaves every other observer attached.
-                    if (cycle + 1 < kCycles || k % 2 == 0) monitor->detach(observer);
-                }
-            }
-        });
-    }
-    for (auto& thread : threads) thread.join();
-
-    int const attached = kThreads * kPerThread / 2;
-    int const attaches = kThreads * kPerThread * kCycles;
-    EXPECT_EQ(monitor->determineFdObserverCount(), attached);
-    std::string const runtime = monitor->toString_runtime();
-    EXPECT_NE(runtime.find("#attach=" + std::to_string(attaches) +
-                           " #detach=" + std::to_string(attaches - attached)),
-              std::string::npos)
-            << runtime;
-    EpollSet expected{
-            {monitor->getEventFD(), {EPOLLIN, static_cast<IEventObserver*>(monitor.get())}}};
-    for (size_t i = 0; i < observers.size(); ++i) {
-        FdObserver* observer = observers[i].get();
-        std::string const entry = "(" + std::to_string(observer->mFd) + ", " + addr(observer) + ")";
-        bool const isAttached = i % 2 == 1;
-        EXPECT_EQ(runtime.find(entry) != std::string::npos, isAttached) << entry << runtime;
-        if (isAttached) expected[observer->mFd] = {EPOLLIN | EPOLLET, observer};
-    }
-    EXPECT_EQ(epollSet(*monitor), expected);
-    for (size_t i = 1; i < observers.size(); i += 2) monitor->detach(observers[i].get());
-}
-
 // One monitor through its registration history: descriptors 43 to 45 reproduce the documented
-// runtime text.
+// runtime text. The texts keep their digits ungrouped whatever the client's locale.
 TEST(EpollMonitor, RegistrationTableTextsAndDescriptors) {
     EXPECT_EQ(makeMonitor(nullptr)->getName(), "P2DrvEP-?");
     for (int fd : {43, 44, 45}) {
@@ -158,12 +76,14 @@ TEST(EpollMonitor, RegistrationTableTextsAndDescriptors) {
         ASSERT_EQ(dup2(source, fd), fd);
         close(source);
     }
-    FdObserver a(43, false), b(44), c(45);
-    FdObserver sameAsB(44, false);  // observers are known by descriptor alone
+    FdOnly a(43), b(44), c(45), sameAsB(44);  // observers are known by descriptor alone
     auto entry = [](uint32_t events, IEventObserver* o) {
         return std::make_pair(events, static_cast<void*>(o));
     };
+    korvtest::ScopedSwitches switches;
+    switches.mode(0x1).details(2);
     korvtest::AndroidLogCapture log;
+    korvtest::ScopedGroupingLocale grouping;
     std::set<int> before = korvtest::openFds();
     before.erase(43);  // closed behind the monitor's back below
     {
@@ -200,13 +120,150 @@ TEST(EpollMonitor, RegistrationTableTextsAndDescriptors) {
         // Closed behind the monitor's back: the kernel dropped it already; the detach still counts.
         close(43);
         monitor->detach(&a);
-        EXPECT_EQ(log.count("korvalite-EpollMonitor",
-                            "[operator()] EPOLL_CTL_DEL fd=43 err=-9(Bad file descriptor) "
-                            "(operator()){#275:src/utils/sys/EpollMonitor}"),
-                  1u);
+        EXPECT_EQ(log.texts("korvalite-EpollMonitor"),
+                  std::vector<std::string>{"[operator()] EPOLL_CTL_DEL fd=43 err=-9(Bad file "
+                                           "descriptor) (operator()){#275:src/utils/sys/"
+                                           "EpollMonitor}"});
         EXPECT_EQ(monitor->toString_runtime().rfind("{ #attach=4 #detach=3 .mActive=1 ", 0), 0u);
     }
     EXPECT_EQ(korvtest::openFds(), before);  // c, still attached, is not the monitor's to close
+    close(44);
+    close(45);
+}
+
+// Every line the monitor logs, in order, from one stepped history: made, attach, modify, one
+// batch whose observer asks the loop to stop, detach, the drain of the wake-up, a drain that finds
+// nothing, a wake-up the eventfd cannot take, destruction. Which lines appear depends on the
+// monitor's verbose switch and the details level.
+TEST(EpollMonitor, LogLinesFollowVerboseSwitchAndDetailsLevel) {
+    struct Case {
+        bool logv;
+        uint32_t details;
+    } const cases[] = {{true, 3}, {false, 3}, {true, 2}, {true, 5}};
+    for (Case const& c : cases) {
+        korvtest::ScopedSwitches switches;
+        switches.mode(0x1).details(c.details).mask(0xffffffff);
+        korvtest::AndroidLogCapture log;
+        std::shared_ptr<EpollMonitor> monitor;
+        {
+            korvtest::ScopedProperty logv("persist.vendor.camera.korvalite.EpollMonitor.logv",
+                                          c.logv ? "1" : "0");
+            monitor = makeMonitor("steps");
+        }
+        struct Line {
+            uint32_t level;
+            bool verbose;
+            std::string text;
+        };
+        std::vector<Line> lines;
+        std::string const config = monitor->toString_config(), self = addr(monitor.get()),
+                          observerSide = addr(static_cast<IEventObserver*>(monitor.get())),
+                          wake = std::to_string(monitor->getEventFD());
+        lines.push_back({3, false, "[EpollMonitor] this(" + self + " " + observerSide + ") " +
+                                           config + " " + monitor->toString_runtime()});
+        Observer observer;
+        std::string const fd = std::to_string(observer.fd), at = "(" + fd + ", " +
+                                                                addr(&observer) + ")";
+        monitor->attach(&observer, EPOLLIN);
+        monitor->modify(&observer, EPOLLIN);
+        lines.push_back({3, true, "[attach] " + at});
+        lines.push_back({3, true, "[modify] " + at});
+        std::string const running = config + " " + monitor->toString_runtime();
+        observer.hook = [&](IEventObserver::OnEvent const& event) {
+            static_cast<EpollMonitor*>(event.monitor)->requestExit();
+        };
+        observer.signal();
+        EXPECT_FALSE(monitor->threadLoop());
+        EXPECT_EQ(observer.calls, 1);
+        EXPECT_EQ(observer.last.monitor, static_cast<IEpollMonitor*>(monitor.get()));
+        EXPECT_EQ(observer.last.events, uint32_t{EPOLLIN});
+        std::string const stopped = config + " " + monitor->toString_runtime();
+        lines.push_back({3, false, "[threadLoop] + " + running});
+        lines.push_back({3, true, "[handleEvents] + fd=" + fd + " events=0x1 observer=" +
+                                          addr(&observer) + " " + running});
+        lines.push_back({3, false, "[requestExit] + " + running});
+        lines.push_back({3, false, "[requestExit] - " + stopped});
+        lines.push_back({3, true, "[handleEvents] - fd=" + fd + " events=0x1"});
+        lines.push_back({3, false, "[threadLoop] - " + stopped});
+        monitor->detach(&observer);
+        lines.push_back({3, true, "[detach] " + at});
+        std::string const detached = config + " " + monitor->toString_runtime();
+        EXPECT_EQ(monitor->tryEpoll(-1), 1);  // the wake-up, left by the loop
+        lines.push_back({3, true, "[handleEvents] + fd=" + wake + " events=0x1 observer=" +
+                                          observerSide + " " + detached});
+        lines.push_back({3, false, "[isInterruptEvent] P2DrvEP-steps: 0x40"});
+        lines.push_back({3, true, "[handleEvents] - fd=" + wake + " events=0x1"});
+        EXPECT_FALSE(monitor->isInterruptEvent(EPOLLIN));
+        lines.push_back({2, false, "[isInterruptEvent] P2DrvEP-steps: read(" + wake +
+                                           ") returns -11 != 8"});
+        uint64_t nearlyFull = UINT64_MAX - 64;  // 64 more does not fit
+        ASSERT_EQ(write(monitor->getEventFD(), &nearlyFull, 8), 8);
+        monitor->sendInterruptEvent();
+        lines.push_back({1, false, "[sendInterruptEvent] write(" + wake + ") returns -11 != 8 "
+                                   "(sendInterruptEvent){#432:src/utils/sys/EpollMonitor}"});
+        lines.push_back({3, false, "[~EpollMonitor] " + config + " " + monitor->toString_runtime()});
+        monitor.reset();
+        std::vector<std::string> expected;
+        for (Line const& line : lines) {
+            if (line.level <= c.details && (c.logv || !line.verbose)) expected.push_back(line.text);
+        }
+        EXPECT_EQ(log.texts("korvalite-EpollMonitor"), expected) << c.logv << " " << c.details;
+    }
+}
+
+// An observer detaches itself, attaches another and is destroyed, all inside its own callback;
+// the verbose dispatch line after the callback still names the descriptor it was called for.
+TEST(EpollMonitor, ObserverReplacesAndDestroysItselfInItsCallback) {
+    korvtest::ScopedSwitches switches;
+    switches.mode(0x1).details(3);
+    korvtest::AndroidLogCapture log;
+    std::shared_ptr<EpollMonitor> monitor;
+    {
+        korvtest::ScopedProperty logv("persist.vendor.camera.korvalite.EpollMonitor.logv", "1");
+        monitor = makeMonitor();
+    }
+    auto first = std::make_unique<Observer>();
+    Observer second;
+    std::string const firstFd = std::to_string(first->fd);
+    first->hook = [&](IEventObserver::OnEvent const& event) {
+        event.monitor->detach(first.get());
+        event.monitor->attach(&second, EPOLLIN);
+        first.reset();
+    };
+    monitor->attach(first.get(), EPOLLIN);
+    first->signal();
+    second.signal();  // not yet attached: waits for the next batch
+    EXPECT_EQ(monitor->tryEpoll(-1), 1);
+    EXPECT_EQ(first, nullptr);
+    EXPECT_EQ(log.count("korvalite-EpollMonitor", "[handleEvents] - fd=" + firstFd + " events="),
+              1u);
+    EXPECT_EQ(second.calls, 0);
+    EXPECT_EQ(monitor->tryEpoll(-1), 1);
+    EXPECT_EQ(second.calls, 1);
+    monitor->detach(&second);
+}
+
+// A wait that a signal interrupts reports -2, not -EINTR.
+TEST(EpollMonitor, InterruptedWaitReportsMinusTwo) {
+    auto monitor = makeMonitor();
+    auto previous = signal(SIGUSR1, [](int) {});  // epoll_wait is never restarted
+    std::atomic<int> tid{0};
+    int result = 0;
+    std::thread waiter([&] {
+        tid = static_cast<int>(gettid());
+        result = monitor->tryEpoll(-1);
+    });
+    auto waiting = [&] {
+        std::ifstream in("/proc/self/task/" + std::to_string(tid) + "/wchan");
+        std::string function;
+        return in >> function && function == "do_epoll_wait";
+    };
+    ASSERT_TRUE(waitFor([&] { return tid != 0 && waiting(); }));
+    ASSERT_EQ(syscall(SYS_tgkill, getpid(), tid.load(), SIGUSR1), 0);
+    waiter.join();
+    signal(SIGUSR1, previous);
+    EXPECT_EQ(result, -2);
+    EXPECT_EQ(monitor->tryEpoll(0), 0);
 }
 
 // Fatal paths: the documented lines in order, the assertion last. The child is forked without
@@ -231,10 +288,9 @@ std::string source(char const* function, int line) {
 }
 
 TEST(EpollMonitorDeath, Faults) {
-    FdObserver first;
-    FdObserver second(first.mFd, false);
-    FdObserver unknown(555, false);
-    std::string const fd = std::to_string(first.mFd);
+    Observer first;
+    FdOnly second(first.fd), unknown(555);
+    std::string const fd = std::to_string(first.fd);
     // The descriptor limit lets the monitor open `allowed` more descriptors.
     auto withDescriptors = [](int allowed) {
         int lowest = dup(0);
@@ -247,7 +303,6 @@ TEST(EpollMonitorDeath, Faults) {
                 {"[EpollMonitor] Failed on create epoll fd:-24" + source("EpollMonitor", 144)});
     expectAbort([&] { withDescriptors(1); },
                 {"[EpollMonitor] Failed on create event fd:-24" + source("EpollMonitor", 150)});
-
     expectAbort(
             [&] {
                 auto monitor = makeMonitor();
@@ -268,12 +323,12 @@ TEST(EpollMonitorDeath, Faults) {
                 {"modifyP2DrvEP-abc: logv:0 {",
                  "modify    { #attach=0 #detach=0 .mActive=1 .mFdObserverMap={ } }\n",
                  "[modify] FATAL" + source("modify", 249)});
-
     first.hook = [](IEventObserver::OnEvent const&) { fprintf(stderr, "dispatched\n"); };
     expectAbort(
             [&] {  // the entries before the null one are dispatched
                 epoll_event events[3] = {};
                 events[0].data.ptr = events[2].data.ptr = static_cast<IEventObserver*>(&first);
+                first.signal();
                 makeMonitor()->handleEvents(events, 3);
             },
             {"dispatched\n", "[handleEvents] Bad observer" + source("handleEvents", 475)});
@@ -290,8 +345,8 @@ TEST(EpollMonitorDeath, Faults) {
 // sections; the names and their nesting are compared here.
 TEST(EpollMonitorTrace, DISABLED_Child) {
     auto monitor = makeMonitor();
-    FdObserver observer;
-    printf("fds %d %d\n", observer.mFd, monitor->getEventFD());
+    Observer observer;
+    printf("fds %d %d\n", observer.fd, monitor->getEventFD());
     monitor->attach(&observer, EPOLLIN);
     monitor->modify(&observer, EPOLLIN | EPOLLET);
     observer.signal();
@@ -299,13 +354,10 @@ TEST(EpollMonitorTrace, DISABLED_Child) {
     monitor->detach(&observer);
     monitor->requestExit();
     monitor->tryEpoll(-1);
-    monitor.reset();
-    makeMonitor(std::string(120, 'x').c_str())->requestExit();
 }
 
 TEST(EpollMonitorTrace, SectionsCountersAndSlices) {
-    int fd = -1;
-    int wake = -1;
+    int fd = -1, wake = -1;
     auto traced = [&](char const* bits) {
         korvtest::TempDir dir;
         std::string marker = dir.path() + "/trace";
@@ -336,10 +388,6 @@ TEST(EpollMonitorTrace, SectionsCountersAndSlices) {
             "B|P2DrvEP-abc::requestExit", "B|sendInterruptEvent", "E", "E",
             "B|tryEpoll", "B|handleEvents", "B|NOTIFY_READY fd:" + std::to_string(wake),
                     "B|isInterruptEvent", "E", "E", "E", "E",
-            "B|~EpollMonitor", "E",
-            // A formatted name that does not fit in 128 bytes is left empty, not cut.
-            "B|EpollMonitor", "E",
-            "B|", "B|sendInterruptEvent", "E", "E",
             "B|~EpollMonitor", "E"};
     // clang-format on
     EXPECT_EQ(events, expected);
@@ -390,94 +438,6 @@ TEST(EpollMonitor, ReadyToRunPolicy) {
         EXPECT_TRUE((sched_getscheduler(0) == SCHED_RR && param.sched_priority == 1) ||
                     log.count("qrvcam-utils", "setThreadPriority(policy=2, priority=1)") == 1);
     }).join();
-}
-
-// The running side, first on a thread of its own as a handler runs it, then stepped on the test
-// thread: an interrupted wait (-2) does not end the loop; observers are called on the loop's
-// thread and may re-register themselves from onEvent(); the loop ends after the batch that
-// carries the wake-up of requestExit(), and such a batch is dispatched whole.
-TEST(EpollMonitor, LoopDispatchReentryAndExitHandshake) {
-    korvtest::ScopedSwitches switches;
-    switches.details(3);
-    korvtest::AndroidLogCapture log;
-    auto logged = [&](std::string const& text) {
-        return log.count("korvalite-EpollMonitor", text);
-    };
-    std::shared_ptr<EpollMonitor> monitor;
-    {
-        korvtest::ScopedProperty logv("persist.vendor.camera.korvalite.EpollMonitor.logv", "1");
-        monitor = makeMonitor("loop");
-    }
-    FdObserver observer;
-    std::string const fd = std::to_string(observer.mFd);
-    int seenOn = 0;
-    observer.hook = [&](IEventObserver::OnEvent const& event) {
-        seenOn = static_cast<int>(gettid());
-        event.monitor->modify(&observer, EPOLLIN | EPOLLET);
-        event.monitor->detach(&observer);
-        event.monitor->attach(&observer, EPOLLIN);
-    };
-    monitor->attach(&observer, EPOLLIN);
-    EXPECT_EQ(monitor->tryEpoll(0), 0);
-
-    auto previous = signal(SIGUSR1, [](int) { gSignals++; });  // epoll_wait is never restarted
-    std::atomic<int> tid{0};
-    int interrupted = 0;
-    std::thread loop([&] {
-        tid = static_cast<int>(gettid());
-        interrupted = monitor->tryEpoll(-1);
-        EXPECT_FALSE(monitor->threadLoop());
-    });
-    EXPECT_TRUE(waitFor([&] { return tid != 0; }));
-    interruptEpollWait(tid);  // the first wait
-    interruptEpollWait(tid);  // the loop's
-    for (int i = 1; i <= 100; ++i) {
-        observer.signal();
-        ASSERT_TRUE(waitFor([&] { return observer.calls == i; }));  // no deadlock
-    }
-    EXPECT_EQ(observer.last.monitor, static_cast<IEpollMonitor*>(monitor.get()));
-    EXPECT_EQ(observer.last.events, uint32_t{EPOLLIN});
-    EXPECT_EQ(seenOn, tid);
-    monitor->requestExit();
-    loop.join();
-    signal(SIGUSR1, previous);
-    EXPECT_EQ(interrupted, -2);
-    // One wake-up, drained by the loop, whose last line shows it stopped.
-    EXPECT_EQ(logged("[isInterruptEvent] P2DrvEP-loop: 0x40"), 1u);
-    uint64_t value;
-    EXPECT_EQ(read(monitor->getEventFD(), &value, sizeof(value)), -1);
-    std::string const config = monitor->toString_config();
-    EXPECT_EQ(logged("[threadLoop] + " + config + " { #attach="), 1u);
-    EXPECT_EQ(logged("[threadLoop] - " + config +
-                     " { #attach=101 #detach=100 .mActive=0 "
-                     ".mFdObserverMap={ attach=[ (" +
-                     fd + ", " + addr(&observer) + ") ] } }"),
-              1u);
-    EXPECT_EQ(logged("[attach] (" + fd + ", " + addr(&observer) + ")"), 101u);
-    EXPECT_EQ(logged("[handleEvents] + fd=" + fd + " events=0x1 observer=" + addr(&observer) +
-                     " { P2DrvEP-loop "),
-              100u);
-    EXPECT_EQ(logged("[handleEvents] - fd=" + fd + " events=0x1"), 100u);
-
-    // Stopped: the batch that carries the wake-up is still dispatched whole, and the loop
-    // returns without waiting.
-    observer.signal();
-    monitor->requestExit();
-    EXPECT_EQ(monitor->tryEpoll(-1), 1);
-    EXPECT_EQ(observer.calls, 101);
-    EXPECT_EQ(logged("[isInterruptEvent] P2DrvEP-loop: 0x40"), 2u);
-    EXPECT_FALSE(monitor->threadLoop());
-    // Only EPOLLIN drains, all requests at once; a drain that finds nothing says so.
-    monitor->requestExit();
-    monitor->requestExit();
-    EXPECT_FALSE(monitor->isInterruptEvent(EPOLLERR | EPOLLHUP));
-    EXPECT_TRUE(monitor->isInterruptEvent(EPOLLIN));
-    EXPECT_EQ(logged("[isInterruptEvent] P2DrvEP-loop: 0x80"), 1u);
-    EXPECT_FALSE(monitor->isInterruptEvent(EPOLLIN));
-    EXPECT_EQ(logged("[isInterruptEvent] P2DrvEP-loop: read(" +
-                     std::to_string(monitor->getEventFD()) + ") returns -11 != 8"),
-              1u);
-    monitor->detach(&observer);
 }
 
 }  // namespace

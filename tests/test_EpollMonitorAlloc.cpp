@@ -6,7 +6,6 @@
 #include <korvalite/EpollMonitor.h>
 #include <stdlib.h>
 #include <sys/epoll.h>
-#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -51,17 +50,6 @@ void* realloc(void* pointer, size_t size) {
 namespace NSCam::NSKorvalite {
 namespace {
 
-struct CountingObserver : IEventObserver {
-    ~CountingObserver() override { close(mFd); }
-    int getEventFD() const override { return mFd; }
-    void onEvent(OnEvent const&) override {
-        uint64_t value;
-        if (read(mFd, &value, sizeof(value)) == sizeof(value)) calls.fetch_add(1);
-    }
-    int const mFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-    std::atomic<int> calls{0};
-};
-
 TEST(EpollMonitorAlloc, DispatchAllocatesNothing) {
 #ifdef KORV_TEST_SANITIZED
     GTEST_SKIP() << "the sanitizer owns the allocator";
@@ -75,16 +63,16 @@ TEST(EpollMonitorAlloc, DispatchAllocatesNothing) {
     auto monitor = IEpollMonitor::make("alloc");
     auto handler = ThreadLoopHandler::make();
     ASSERT_EQ(handler->run(std::static_pointer_cast<EpollMonitor>(monitor)), 0);
-    CountingObserver level, edge;
+    korvtest::EventFdObserver level, edge;
     monitor->attach(&level, EPOLLIN);
     monitor->attach(&edge, EPOLLIN | EPOLLET);
     // Batches of one and of two events. Signals and waits by spinning: waitFor's std::function
     // and sleeps would blur the count.
     auto fire = [&](int round) {
-        uint64_t one = 1;
         int const expected = level.calls + edge.calls + 1 + round % 2;
-        CountingObserver* const pair[] = {round % 3 ? &level : &edge, round % 3 ? &edge : &level};
-        for (int i = 0; i <= round % 2; ++i) ASSERT_EQ(write(pair[i]->mFd, &one, sizeof(one)), 8);
+        korvtest::EventFdObserver* const pair[] = {round % 3 ? &level : &edge,
+                                                   round % 3 ? &edge : &level};
+        for (int i = 0; i <= round % 2; ++i) pair[i]->signal();
         auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
         while (level.calls + edge.calls != expected &&
                std::chrono::steady_clock::now() < deadline) {

@@ -1,7 +1,6 @@
-// Reliability: the monitor, the handlers and the state dump under concurrent load (nothing lost,
-// nothing deadlocked, no thread or descriptor left), and the documented outcome of faults: out of
-// descriptors, over-long log lines, bad properties, a dump folder that fills up, then turns
-// read-only.
+// Reliability: the monitor and its handlers under concurrent load (nothing lost, nothing
+// deadlocked, no thread or descriptor left), and the documented outcome of faults: over-long log
+// lines, bad properties, a dump folder that fills up, then turns read-only.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -9,18 +8,13 @@
 #include <korvalite/Korv_Dumpstate.h>
 #include <korvalite/SystemCall.h>
 #include <korvalite/Timer.h>
-#include <sys/eventfd.h>
 #include <sys/mount.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/time.h>
-#include <sys/timerfd.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <filesystem>
 #include <fstream>
-#include <future>
 #include <set>
 #include <sstream>
 #include <thread>
@@ -61,74 +55,22 @@ std::pair<std::shared_ptr<EpollMonitor>, std::shared_ptr<ThreadLoopHandler>> sta
     return {monitor, handler};
 }
 
-// An eventfd whose values onEvent() adds up. A mover also moves itself from inside onEvent(): in
-// turns it switches its trigger mode and re-registers (detach, attach).
-class Counter : public IEventObserver {
-public:
-    explicit Counter(bool mover = false) : mMover(mover) {}
-    ~Counter() override { close(mFd); }
-    int getEventFD() const override { return mFd; }
-    void onEvent(OnEvent const& event) override {
-        uint64_t value = 0;
-        if (read(mFd, &value, sizeof(value)) == sizeof(value)) received += value;
-        if (mMover && ++mMoves % 2 == 0) {
-            event.monitor->detach(this);
-            event.monitor->attach(this, EPOLLIN);
-        } else if (mMover) {
-            event.monitor->modify(this, mMoves % 4 == 1 ? EPOLLIN | EPOLLET : EPOLLIN);
+// A counter whose onEvent() also moves it: in turns it switches its trigger mode and
+// re-registers (detach, attach), from inside its own callback.
+std::unique_ptr<korvtest::EventFdObserver> makeMover() {
+    auto mover = std::make_unique<korvtest::EventFdObserver>();
+    mover->hook = [observer = mover.get(), moves = 0](IEventObserver::OnEvent const& event) mutable {
+        if (++moves % 2 == 0) {
+            event.monitor->detach(observer);
+            event.monitor->attach(observer, EPOLLIN);
+        } else {
+            event.monitor->modify(observer, moves % 4 == 1 ? EPOLLIN | EPOLLET : EPOLLIN);
         }
-    }
-    void add(uint64_t value) {
-        sent += value;
-        ASSERT_EQ(write(mFd, &value, sizeof(value)), 8);
-    }
-    bool drained() const { return received == sent; }
-
-    int const mFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-    bool const mMover;
-    int mMoves = 0;  // the monitor's thread only
-    std::atomic<uint64_t> sent{0};
-    std::atomic<uint64_t> received{0};
-};
-
-// --- Faults (first: the forked child must start from a process without other threads) -------
-
-TEST(ReliabilityFaults, OutOfDescriptorsCreationsFailAndTheRunningMonitorGoesOn) {
-    auto child = korvtest::runInChild([] {
-        auto [monitor, handler] = start();
-        Counter counter;
-        monitor->attach(&counter, EPOLLIN);
-        // Dispatching before the limit: the undefined-behaviour checker needs a pipe to check an
-        // object's type at the first virtual call it sees on it.
-        counter.add(1);
-        korvtest::waitFor([&] { return counter.drained(); });
-        rlimit old;
-        getrlimit(RLIMIT_NOFILE, &old);
-        rlimit limit = old;
-        limit.rlim_cur = static_cast<rlim_t>(*korvtest::openFds().rbegin() + 1);
-        setrlimit(RLIMIT_NOFILE, &limit);
-        std::vector<int> filler;
-        for (int fd; (fd = open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0;) filler.push_back(fd);
-        unsigned long const tag = reinterpret_cast<unsigned long>(&filler);
-        printf("%d %d %d", System::EventFD(0, EFD_CLOEXEC | EFD_NONBLOCK, tag),
-               System::EPollCreate(1024, tag),
-               System::TimerFDCreate(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK, tag));
-        counter.add(5);
-        printf(" delivered=%d", korvtest::waitFor([&] { return counter.drained(); }));
-        for (int fd : filler) close(fd);
-        setrlimit(RLIMIT_NOFILE, &old);
-        printf(" stopped=%d\n", handler->requestExitAndWait());
-        monitor->detach(&counter);
-    });
-    ASSERT_TRUE(child.exited) << child.err;
-    EXPECT_EQ(child.out, "-24 -24 -24 delivered=1 stopped=0\n") << child.err;
-    for (std::string call : {"[EventFD] eventfd(0, 0x80800)", "[EPollCreate] epoll_create()",
-                             "[TimerFDCreate] timerfd_create()"}) {
-        EXPECT_NE(child.err.find(call + " return -1: err=-24(Too many open files)"),
-                  std::string::npos)
-                << child.err;
-    }
+    };
+    return mover;
 }
+
+// --- Faults ------------------------------------------------------------------------------------
 
 // The library's own lines pass a 1024-byte buffer on the ULog route: cut there, whole length.
 TEST(ReliabilityFaults, OverlongLogLinesAreCutInTheirBufferOnly) {
@@ -247,9 +189,10 @@ TEST(ReliabilityStress, EveryEventfdWriteArrivesWhileObserversAndTimersChurn) {
     auto const fds = korvtest::openFds();
     size_t const threads = threadCount();
     auto [monitor, handler] = start();
-    std::vector<std::unique_ptr<Counter>> counters;
+    std::vector<std::unique_ptr<korvtest::EventFdObserver>> counters;
     for (int i = 0; i < kClients * kOwn + kMovers; ++i) {
-        counters.push_back(std::make_unique<Counter>(i >= kClients * kOwn));
+        counters.push_back(i < kClients * kOwn ? std::make_unique<korvtest::EventFdObserver>()
+                                               : makeMover());
         monitor->attach(counters.back().get(), EPOLLIN);
     }
     std::atomic<int> fired[2] = {0, 0};
@@ -267,7 +210,7 @@ TEST(ReliabilityStress, EveryEventfdWriteArrivesWhileObserversAndTimersChurn) {
     for (int c = 0; c < kClients; ++c) {
         workers.emplace_back([&, c, monitor = monitor] {
             for (int round = 0; round < kRounds; ++round) {
-                Counter* own = counters[c * kOwn + round % kOwn].get();
+                korvtest::EventFdObserver* own = counters[c * kOwn + round % kOwn].get();
                 monitor->detach(own);
                 monitor->attach(own, round % 3 ? EPOLLIN : EPOLLIN | EPOLLET);
                 if (round % 5 == 0) monitor->modify(own, EPOLLIN);
@@ -277,7 +220,7 @@ TEST(ReliabilityStress, EveryEventfdWriteArrivesWhileObserversAndTimersChurn) {
     for (int w = 0; w < 2; ++w) {
         workers.emplace_back([&, w] {
             for (int i = 0; i < kWrites; ++i) {
-                counters[(i * 7 + w) % counters.size()]->add(i % 5 + 1);
+                counters[(i * 7 + w) % counters.size()]->signal(i % 5 + 1);
             }
         });
     }
@@ -291,7 +234,7 @@ TEST(ReliabilityStress, EveryEventfdWriteArrivesWhileObserversAndTimersChurn) {
     // written afterwards has arrived, none.
     for (auto const& timer : timers) timer->stopTimer();
     auto roundTrip = [&] {
-        counters[0]->add(1);
+        counters[0]->signal(1);
         EXPECT_TRUE(korvtest::waitFor([&] { return counters[0]->drained(); }));
         return std::make_pair(fired[0].load(), fired[1].load());
     };
@@ -299,8 +242,28 @@ TEST(ReliabilityStress, EveryEventfdWriteArrivesWhileObserversAndTimersChurn) {
     EXPECT_EQ(roundTrip(), atStop);
     EXPECT_TRUE(atStop.first > 0 && atStop.second > 0);
 
+    // The counters are exact: every attach counted, every re-registration undone, every observer
+    // in the table.
     EXPECT_EQ(handler->requestExitAndWait(), 0);
-    for (auto const& counter : counters) monitor->detach(counter.get());
+    int reRegistered = 0;
+    for (int i = kClients * kOwn; i < kClients * kOwn + kMovers; ++i) {
+        reRegistered += counters[i]->calls / 2;
+    }
+    int const attaches = kClients * kOwn + kMovers + 2 + kClients * kRounds + reRegistered;
+    std::string const runtime = monitor->toString_runtime();
+    EXPECT_EQ(runtime.rfind("{ #attach=" + std::to_string(attaches) + " #detach=" +
+                                    std::to_string(attaches - kClients * kOwn - kMovers - 2) +
+                                    " .mActive=0 .mFdObserverMap={ attach=[ (",
+                            0),
+              0u)
+            << runtime;
+    EXPECT_EQ(monitor->determineFdObserverCount(), kClients * kOwn + kMovers + 2);
+    for (auto const& counter : counters) {
+        std::ostringstream entry;
+        entry << "(" << counter->fd << ", " << static_cast<void*>(counter.get()) << ")";
+        EXPECT_NE(runtime.find(entry.str()), std::string::npos) << entry.str();
+        monitor->detach(counter.get());
+    }
     for (auto const& timer : timers) monitor->detach(timer.get());
     timers.clear();
     counters.clear();
@@ -353,69 +316,6 @@ TEST(ReliabilityStress, MonitorsStoppedRestartedAndDroppedFromSeveralThreadsAllE
         EXPECT_TRUE(korvtest::waitFor([&] { return handlers[i].expired(); })) << i;
     }
     EXPECT_TRUE(korvtest::waitFor([&] { return threadCount() <= threads; }));
-    EXPECT_EQ(korvtest::openFds(), fds);
-}
-
-std::atomic<int> gEntered{0};
-std::mutex gReleaseMutex;
-std::shared_future<void> gReleased;  // guarded by gReleaseMutex; a fresh one per run of the test
-
-// Hangs until released, then prints which dump it was.
-void hangingProducer(IPrinter* printer) {
-    int const id = gEntered++;
-    std::shared_future<void> released;  // a copy: kept alive by whoever ends last
-    {
-        std::lock_guard<std::mutex> lock(gReleaseMutex);
-        released = gReleased;
-    }
-    released.wait_for(120s);
-    printer->printFormatLine("id=%d", id);
-}
-
-// Dumps overlap while their producer hangs: every caller is back, with its warning, before any
-// producer is released; then every worker ends and every dump has a file of its own.
-TEST(ReliabilityStress, ConcurrentDumpsWithAHangingProducer) {
-    constexpr int kDumps = 6;
-    // The dump folder is fixed at the process's first file dump: every run of this test (under
-    // --gtest_repeat too) uses the same one, emptied first.
-    static korvtest::TempDir const folder;
-    for (std::string const& name : filesIn(folder.path())) fs::remove(folder.path() + "/" + name);
-    korvtest::ScopedProperty folderProperty("persist.vendor.camera.korvalite.dumpfile.folder",
-                                            folder.path());
-    korvtest::ScopedProperty noReserve("persist.vendor.camera.korvalite.dumpfile.freespace", "-1");
-    korvtest::ScopedSwitches switches;
-    switches.mode(0x1).details(2);
-    korvtest::AndroidLogCapture log;
-    std::thread([] {}).join();
-    auto const fds = korvtest::openFds();
-    size_t const threads = threadCount();
-    std::promise<void> release;
-    gEntered = 0;
-    {
-        std::lock_guard<std::mutex> lock(gReleaseMutex);
-        gReleased = release.get_future().share();
-    }
-    korv_dumpstate_set_dumpstate_callback(hangingProducer);
-    std::vector<std::thread> callers;
-    for (int i = 0; i < kDumps; ++i) {
-        callers.emplace_back([] {
-            korv_dumpstate_params params{"stress", "c", 1000, 1, 0, {}};
-            korv_dumpstate(&params);
-        });
-        // Names have microsecond resolution: the next dump starts once this one has its file.
-        EXPECT_TRUE(korvtest::waitFor([&] { return gEntered == i + 1; }));
-    }
-    for (auto& caller : callers) caller.join();
-    EXPECT_EQ(log.count("korvalite", "[korv_dumpstate] Not finished in 1000 ms"), size_t{kDumps});
-    release.set_value();
-    EXPECT_TRUE(korvtest::waitFor([&] { return threadCount() <= threads; }, 60s));
-    korv_dumpstate_set_dumpstate_callback(nullptr);
-    std::set<std::string> expected, written;
-    for (int id = 0; id < kDumps; ++id) expected.insert("c id=" + std::to_string(id) + "\n");
-    for (std::string const& name : filesIn(folder.path())) {
-        written.insert(contentOf(folder.path() + "/" + name));
-    }
-    EXPECT_EQ(written, expected);
     EXPECT_EQ(korvtest::openFds(), fds);
 }
 

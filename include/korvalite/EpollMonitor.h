@@ -82,7 +82,9 @@ public:
     void onEvent(OnEvent const& event) override;
 
     // IThreadLoop
-    // Any thread; does not wait. The loop ends after the batch that carries the wake-up.
+    // Any thread, also from onEvent(); does not wait. The loop ends after the batch in progress
+    // when the request arrives (the wake-up then stays undrained), or, when it was waiting, after
+    // the batch that the wake-up starts; before the loop has started, it returns at once.
     void requestExit() override;
     // On the monitor's thread, once: default policy and priority (only when the handler gave
     // none), platform customisation and affinity. Always 0.
@@ -101,8 +103,11 @@ public:
     std::string toString_runtime() const;
     static std::string toString_FdObserverMap(std::unordered_map<int, IEventObserver*> const& map);
 
-    // Loop internals, on the monitor's thread. tryEpoll: 1 events handled, 0 timed out, -2
-    // interrupted by a signal; other wait errors are fatal.
+    // Loop internals, for the monitor's own thread only: threadLoop() calls them there, and
+    // requestExit() calls sendInterruptEvent() on its caller's thread. They are public members,
+    // not an interface for clients: from another thread, tryEpoll() and handleEvents() would race
+    // the loop over mEvents and the observers' callbacks. tryEpoll: 1 events handled, 0 timed
+    // out, -2 interrupted by a signal; other wait errors are fatal.
     int tryEpoll(int timeoutMs);
     void handleEvents(epoll_event* events, unsigned long count);
     bool isInterruptEvent(unsigned int events) const;

@@ -54,8 +54,10 @@ public:
     void setThreadName(std::string name);
     void setThreadPriority(int policy, int priority);
 
-    // Starts a detached worker running `loop` and returns 0 without waiting for it, or returns
-    // -ENOSYS, silently and changing nothing, while a worker runs. A null `loop` is fatal on the
+    // Starts a detached worker running `loop` and returns 0, or returns -ENOSYS, silently and
+    // changing nothing, while a worker runs. It does not wait for the body; only when the
+    // customer setting is on and the name is one the report-thread registry wants does it wait,
+    // holding the handler's lock, until the new thread has published its id. A null `loop` is fatal on the
     // worker. Aborts the process, even inside a caller's try block, when the handler is not owned
     // by a shared_ptr or the thread cannot be created. Any thread but the worker.
     int run(std::shared_ptr<IThreadLoop> const& loop) noexcept;

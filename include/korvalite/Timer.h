@@ -31,9 +31,11 @@ public:
     // IEventObserver
     int getEventFD() const override;
     // The expiry handler, on the monitor's thread: calls the callback without the timer's lock,
-    // then re-arms (enableEdgeTrigger), so whatever the callback armed or stopped stays in force.
-    // `event` is not looked at. Keeps the timer alive for the call; aborts when no shared_ptr owns
-    // the timer.
+    // then re-arms (enableEdgeTrigger) with what the timer reads back: a stop stays a stop and a
+    // time still ahead stays armed, but an expiry already due when the callback armed the timer
+    // is cleared before the monitor sees it (a one-shot ends disarmed, a periodic timer goes on
+    // from its next period). `event` is not looked at. Keeps the timer alive for the call;
+    // aborts when no shared_ptr owns the timer.
     void onEvent(IEventObserver::OnEvent const& event) noexcept override;
 
     // "Timer-<name>". Immutable.
@@ -43,7 +45,8 @@ public:
 
     // Arms the timer: first expiry at the absolute time `value` on the timer's clock, then every
     // `interval` (zero: once); a zero `value` disarms, as timerfd_settime() does. Both must be
-    // valid. Any thread, also from the callback.
+    // valid. Any thread; from the callback, a `value` already reached is lost to the re-arm that
+    // follows it (see onEvent).
     void startTimerAbsoluteTime(timespec const* value, timespec const* interval);
     // Disarms the timer. Any thread.
     void stopTimer();

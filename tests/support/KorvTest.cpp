@@ -8,6 +8,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
+#include <sys/eventfd.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -341,6 +342,41 @@ TempDir::TempDir() : mPath("/tmp/korvtest-dir-XXXXXX") {
 TempDir::~TempDir() {
     std::error_code ignored;
     std::filesystem::remove_all(mPath, ignored);
+}
+
+namespace {
+struct EveryDigitGrouped : std::numpunct<char> {
+    char do_thousands_sep() const override { return ','; }
+    std::string do_grouping() const override { return "\1"; }
+};
+}  // namespace
+
+ScopedGroupingLocale::ScopedGroupingLocale()
+    : mOld(std::locale::global(std::locale(std::locale::classic(), new EveryDigitGrouped))) {}
+
+ScopedGroupingLocale::~ScopedGroupingLocale() {
+    std::locale::global(mOld);
+}
+
+EventFdObserver::EventFdObserver() : fd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
+    if (fd < 0) abort();
+}
+
+EventFdObserver::~EventFdObserver() {
+    close(fd);
+}
+
+void EventFdObserver::onEvent(OnEvent const& event) {
+    uint64_t value = 0;
+    if (read(fd, &value, sizeof(value)) == sizeof(value)) received += value;
+    last = event;
+    calls++;
+    if (hook) hook(event);  // last: it may destroy this observer
+}
+
+void EventFdObserver::signal(uint64_t value) {
+    sent += value;
+    if (write(fd, &value, sizeof(value)) != sizeof(value)) abort();
 }
 
 }  // namespace korvtest

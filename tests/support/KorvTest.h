@@ -16,8 +16,10 @@
 #include <stdint.h>
 #include <sys/types.h>
 
+#include <atomic>
 #include <chrono>
 #include <functional>
+#include <locale>
 #include <map>
 #include <mutex>
 #include <set>
@@ -25,6 +27,8 @@
 #include <string_view>
 #include <utility>
 #include <vector>
+
+#include <korvalite/EpollMonitor.h>
 
 namespace korvtest {
 
@@ -215,6 +219,40 @@ public:
 
 private:
     std::string mPath;
+};
+
+// --- Locale ----------------------------------------------------------------------------------
+
+// Makes the global C++ locale one that groups every digit ("14" prints as "1,4"), as a client's
+// locale might, and restores the previous one.
+class ScopedGroupingLocale {
+public:
+    ScopedGroupingLocale();
+    ~ScopedGroupingLocale();
+
+private:
+    std::locale mOld;
+};
+
+// --- Event observers ---------------------------------------------------------------------------
+
+// An eventfd of its own (non-blocking, closed with the observer). onEvent() reads the count, adds
+// it to `received`, records the event, counts the call and then runs `hook`, which may detach,
+// attach or even destroy the observer. Allocates nothing per event.
+struct EventFdObserver : NSCam::NSKorvalite::IEventObserver {
+    EventFdObserver();
+    ~EventFdObserver() override;
+    int getEventFD() const override { return fd; }
+    void onEvent(OnEvent const& event) override;
+    // Adds `value` to the descriptor's count, as a client's event would.
+    void signal(uint64_t value = 1);
+    bool drained() const { return received == sent; }
+
+    int const fd;
+    std::function<void(OnEvent const&)> hook;
+    OnEvent last{};
+    std::atomic<int> calls{0};
+    std::atomic<uint64_t> sent{0}, received{0};
 };
 
 }  // namespace korvtest

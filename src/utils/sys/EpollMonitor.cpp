@@ -321,12 +321,16 @@ void EpollMonitor::handleEvents(epoll_event* events, unsigned long count) {
             KORV_FATAL_AT(kLineBadObserver, "[%s] Bad observer", "handleEvents");
         }
         uint32_t mask = events[i].events;
+        // Read before the callback and never after it: an observer may detach and destroy itself
+        // inside onEvent(), and the descriptor it was called for is the one the "-" line names.
+        // Only the verbose lines need it, so the plain dispatch does not ask.
+        int fd = -1;
+        if (mLogv != 0) fd = observer->getEventFD();
         if (mLogv != 0 && detailsLevel() >= kLevelInfo) {
             std::string config = toString_config();
             std::string runtime = toString_runtime();
-            KORV_LOGI("[%s] + fd=%d events=%#x observer=%p %s %s", "handleEvents",
-                      observer->getEventFD(), mask, static_cast<void*>(observer), config.c_str(),
-                      runtime.c_str());
+            KORV_LOGI("[%s] + fd=%d events=%#x observer=%p %s %s", "handleEvents", fd, mask,
+                      static_cast<void*>(observer), config.c_str(), runtime.c_str());
         }
         IEventObserver::OnEvent event{this, mask};
         if (traceEnabled(kTraceWait)) {
@@ -336,9 +340,7 @@ void EpollMonitor::handleEvents(epoll_event* events, unsigned long count) {
             // Untraced, the dispatch asks the observer nothing but onEvent().
             observer->onEvent(event);
         }
-        if (mLogv != 0) {
-            KORV_LOGI("[%s] - fd=%d events=%#x", "handleEvents", observer->getEventFD(), mask);
-        }
+        if (mLogv != 0) KORV_LOGI("[%s] - fd=%d events=%#x", "handleEvents", fd, mask);
     }
 }
 

@@ -8,6 +8,7 @@
 #include <sys/epoll.h>
 #include <sys/timerfd.h>
 
+#include <locale>
 #include <sstream>
 #include <utility>
 
@@ -27,17 +28,25 @@ constexpr int kBadNotifyTimeoutLine = 104;
 
 char const kLogVProperty[] = "persist.vendor.camera.korvalite.timer.logv";
 
+// The texts are for logs that tools compare: in the classic locale, whatever the client's global
+// locale (one that groups digits would print ".fd=1,4").
+std::ostringstream classicStream() {
+    std::ostringstream os;
+    os.imbue(std::locale::classic());
+    return os;
+}
+
 // Seconds, a dot, then the nanoseconds without leading zeros: 1 s + 5 ns reads "1.5", half a
 // second reads "0.500000000". Misleading at a glance, but it is the timer's established log
 // format, which tools and people compare line for line: do not "fix" it with zero padding.
 std::string toString(timespec const& ts) {
-    std::ostringstream os;
+    std::ostringstream os = classicStream();
     os << ts.tv_sec << '.' << ts.tv_nsec;
     return os.str();
 }
 
 std::string toString(itimerspec const& its) {
-    std::ostringstream os;
+    std::ostringstream os = classicStream();
     os << "{ .it_interval=" << toString(its.it_interval) << " .it_value=" << toString(its.it_value)
        << " }";
     return os.str();
@@ -148,7 +157,7 @@ void Timer::onEvent(IEventObserver::OnEvent const&) noexcept {
 }
 
 std::string Timer::toString() const {
-    std::ostringstream os;
+    std::ostringstream os = classicStream();
     os << "{ " << mName << " .fd=" << mFd << " .event=" << std::hex
        << static_cast<unsigned int>(mEvents) << " }";
     return os.str();
