@@ -11,13 +11,6 @@ build=$PWD/build/arm64
 root=$build/root
 jobs=${JOBS:-$(nproc)}
 
-# Tests that need what qemu-user does not emulate; `make test` runs them natively.
-# - PlatformUtils.BacktraceNamesAndUnwindsEveryThread: the unwinder reads the stacks through
-#   process_vm_readv(), which qemu-user answers ENOSYS, so every back-trace ends at its first frame.
-emulator_limited=(PlatformUtils.BacktraceNamesAndUnwindsEveryThread)
-GTEST_FILTER="-$(IFS=:; echo "${emulator_limited[*]}")"
-export GTEST_FILTER
-
 scripts/arm64/make-root.sh "$root"
 scripts/arm64/binfmt.sh
 cmake -S . -B "$build" -G Ninja -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/toolchain-aarch64.cmake" \
