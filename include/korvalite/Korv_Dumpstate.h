@@ -26,19 +26,6 @@ using korv_dumpstate_callback_t = void (*)(NSCam::IPrinter*);
 // Any thread.
 void korv_dumpstate_set_dumpstate_callback(korv_dumpstate_callback_t callback);
 
-// Runs the targets of `params` in order on the calling thread.
-void korv_dumpstate_internal(korv_dumpstate_params const& params);
-
-// One dump into the log (info level), with the back-trace when flags bit 1 is set.
-void korv_dumpstate_to_log(korv_dumpstate_params const& params);
-
-// One dump into a new dump file, with the back-trace when flags bit 0 is set. True when a file
-// was opened and written.
-bool korv_dumpstate_to_file(korv_dumpstate_params const& params);
-
-// Prints the back-traces of every thread of the process, one line per printLine.
-void korv_dump_backtrace_of_process(NSCam::IPrinter* printer);
-
 }  // namespace NSKorvalite
 }  // namespace NSCam
 

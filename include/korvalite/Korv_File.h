@@ -9,11 +9,6 @@
 namespace NSCam {
 namespace NSKorvalite {
 
-// Returns the folder named by "persist.vendor.camera.korvalite.dumpfile.folder", else the default
-// "/data/vendor/tovrix_dump", made with mode 0770 if need be; empty when none could be made.
-// Any thread.
-std::string getAndMakeFolderPath();
-
 // Returns a path "<folder>/korvalite_<pid>_YYYY_MMDD_HHMMSS_uuuuuu.txt" for a new dump file,
 // after deleting the oldest regular files of the folder when the file system has no more free
 // space than required: at most (100 - keep policy) percent of them, and no more than it takes.

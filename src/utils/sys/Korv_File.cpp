@@ -20,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "KorvDump.h"
 #include "KorvLog.h"
 
 namespace NSCam {
