@@ -11,7 +11,8 @@ namespace NSKorvalite {
 // Parameters of one dump. The layout is part of the exported interface.
 struct korv_dumpstate_params {
     char const* tag;        // log tag of the dump; null means "korvalite"
-    char const* name;       // line prefix; null means "[Unknown]"
+    char const* name;       // line prefix; null prints as "[Unknown]" when the dump runs on the
+                            // calling thread, as nothing before the blank on a worker
     int32_t timeout;        // ms the caller waits; negative runs the dump on the calling thread
     int32_t target;         // -2 log then file, -1 file then log, 1 file, 2 log,
                             // 0 the property "persist.vendor.camera.korvalite.dumpKorvaliteMgr",
