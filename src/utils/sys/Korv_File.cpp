@@ -17,6 +17,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -42,11 +43,9 @@ constexpr char kFileGroup[] = "system";
 constexpr int64_t kDefaultFreeSpace = 0x6400000;  // 100 MiB
 constexpr int32_t kDefaultKeepPercent = 75;
 
-// The default folders, tried in order when the property names none that can be made.
-std::vector<std::string> const& candidateFolders() {
-    static std::vector<std::string> const folders{"/data/vendor/tovrix_dump"};
-    return folders;
-}
+// The default folders, tried in order when the property names none that can be made. Constant
+// data, never destroyed: a detached dump worker may still look here while the process exits.
+constexpr char const* kCandidateFolders[] = {"/data/vendor/tovrix_dump"};
 
 struct FreeSpaceSettings {
     int64_t required;      // bytes that must be free, strictly exceeded
@@ -155,18 +154,31 @@ std::string getAndMakeFolderPath() {
     property_get(kFolderProperty, value, "");
     if (value[0] != '\0' && tryMakePath(value)) return value;
 
-    for (std::string const& candidate : candidateFolders()) {
-        if (tryMakePath(candidate.c_str())) return candidate;
+    for (char const* candidate : kCandidateFolders) {
+        if (tryMakePath(candidate)) return candidate;
     }
     return {};
 }
 
+namespace {
+
+// The process's dump folder, chosen on first use, then kept even when empty: a dump must not go
+// looking for folders while the system is already in trouble. Never destroyed: a detached dump
+// worker (one whose caller stopped waiting) may still be reading it while exit runs the static
+// destructors.
+std::string const& dumpFolder() {
+    alignas(std::string) static unsigned char storage[sizeof(std::string)];
+    static std::string const* const folder = new (storage) std::string(getAndMakeFolderPath());
+    return *folder;
+}
+
+}  // namespace
+
 std::string getDumpFilepathAndReserveSpace() {
-    // Chosen once per process and kept even when empty: a dump must not go looking for folders
-    // while the system is already in trouble. A folder deleted later is made again below.
-    static std::string const folder = getAndMakeFolderPath();
+    std::string const& folder = dumpFolder();
     if (folder.empty()) return {};
 
+    // A folder deleted since it was chosen is made again.
     struct statvfs fs {};
     if (statvfs(folder.c_str(), &fs) != 0) {
         if (!NSCam::Utils::makePath(folder.c_str(), kFolderMode) ||
