@@ -17,8 +17,9 @@ namespace NSKorvalite {
 // May block on the file system; any thread.
 std::string getDumpFilepathAndReserveSpace();
 
-// Creates (truncating) `path` for writing with mode 0664 and group "system" where it exists.
-// The stream is closed by the holder. Empty on failure or for a null path.
+// Creates (truncating) `path` for writing with mode 0664 and group "system" where it exists,
+// close-on-exec. A symbolic link under `path` is refused, not followed. The stream is closed by
+// the holder. Empty on failure or for a null path. Any thread.
 std::shared_ptr<FILE> openNewFile(char const* path);
 
 }  // namespace NSKorvalite

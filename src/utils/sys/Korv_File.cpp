@@ -5,6 +5,7 @@
 
 #include <dirent.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <grp.h>
 #include <korvalite/Korv_File.h>
 #include <qrvcam/Properties.h>
@@ -212,8 +213,14 @@ std::string getDumpFilepathAndReserveSpace() {
 std::shared_ptr<FILE> openNewFile(char const* path) {
     if (path == nullptr) return nullptr;
 
-    FILE* raw = fopen(path, "w");
+    // The folder is group-writable and names are predictable: a link planted under the next name
+    // must not make us truncate, re-mode or re-own what it points to, so links are refused and
+    // mode and group are set on the descriptor, never by path. Close-on-exec: a concurrent fork
+    // and exec must not inherit the file.
+    int const fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, kFileMode);
+    FILE* raw = fd < 0 ? nullptr : fdopen(fd, "w");
     int const openErrno = errno;
+    if (raw == nullptr && fd >= 0) close(fd);
     std::shared_ptr<FILE> file(raw, closeStream);
     if (!file) {
         KORV_LOGW("[%s] Failed: fopen(%s), err:%d(%s)", "openNewFile", path, openErrno,
@@ -221,9 +228,9 @@ std::shared_ptr<FILE> openNewFile(char const* path) {
         return nullptr;
     }
 
-    // Explicit mode: fopen's result depends on the caller's umask, and readers of dump files
-    // (the system group's tools) need group read.
-    int const result = chmod(path, kFileMode);
+    // Explicit mode: the one given to open is masked by the caller's umask, and readers of dump
+    // files (the system group's tools) need group read.
+    int const result = fchmod(fd, kFileMode);
     if (result < 0) {
         int const chmodErrno = errno;
         KORV_LOGW("[%s] chmod returns %d err:%d(%s)", "openNewFile", result, chmodErrno,
@@ -238,7 +245,7 @@ std::shared_ptr<FILE> openNewFile(char const* path) {
     group* found = nullptr;
     if (getgrnam_r(kFileGroup, &entry, buffer.data(), buffer.size(), &found) == 0 &&
         found != nullptr) {
-        int const ignored = chown(path, static_cast<uid_t>(-1), found->gr_gid);
+        int const ignored = fchown(fd, static_cast<uid_t>(-1), found->gr_gid);
         (void)ignored;
     }
     return file;
