@@ -112,9 +112,10 @@ void reserveSpace(std::string const& folder, int64_t freeSpace, FreeSpaceSetting
     while (dirent* entry = readdir(dir)) {
         std::string path = folder + "/" + entry->d_name;
         struct stat st {};
-        // stat, not lstat: a link to a regular file counts as one. Only regular files qualify,
-        // so subfolders (and everything in them), "." and ".." are never touched.
-        if (stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
+        // lstat: a link is no file of the folder. Deleting it would free nothing, and what it
+        // points to is not ours to delete. Only regular files qualify, so subfolders (and
+        // everything in them), "." and ".." are never touched either.
+        if (lstat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
         files.push_back(std::make_unique<FileInfo>(
                 FileInfo{std::move(path), static_cast<int64_t>(st.st_size),
                          static_cast<int64_t>(st.st_mtim.tv_sec)}));
