@@ -176,6 +176,7 @@ TEST_F(DumpstateTest, FlagsAddTheBacktraceToFileOrLog) {
         Lines const log = mLog.texts("bt");
         EXPECT_EQ(Lines(log.begin(), log.begin() + std::min(log.size(), state.size())), logState);
         EXPECT_EQ(log.size() > state.size(), (flags & 2) != 0);
+        EXPECT_EQ(mLog.texts("korvalite"), Lines{});
     }
 }
 

@@ -136,7 +136,7 @@ std::string nameOfAge(int age) {
 TEST(ReservationTest, DeletesAtMostTheOldestShareOfRegularFiles) {
     std::tuple<int, char const*, int> const cases[] = {
             // files, keep policy, deleted
-            {8, "75", 2}, {8, "88", 0}, {8, "100", 0}, {8, "0", 8}, {8, "150", 2}, {3, "-5", 0}};
+            {8, "75", 2}, {8, "88", 0}, {8, "100", 0}, {8, "0", 8}, {8, "101", 2}, {3, "-5", 0}};
     for (auto const& [files, policy, deleted] : cases) {
         SCOPED_TRACE(testing::Message() << files << " files, policy " << policy);
         // Files named out of age order, so that only the times can give it, beside a
