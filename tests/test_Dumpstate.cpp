@@ -1,23 +1,19 @@
-// State dump: targets, prefixes, back-trace flags, the bounded wait and concurrent dumps.
+// State dump through its exported entry points: targets, prefixes, back-trace flags, failed
+// flushes and the bounded wait. Concurrent dumps are in test_Reliability's stress tests.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <korvalite/Korv_Dumpstate.h>
-#include <korvalite/Korv_File.h>
 #include <qrvcam/ulog/ULog.h>
-#include <string.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
-#include <condition_variable>
+#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <memory>
-#include <mutex>
 #include <optional>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "support/KorvTest.h"
 
@@ -25,65 +21,38 @@ namespace {
 
 namespace fs = std::filesystem;
 using NSCam::IPrinter;
-using NSCam::NSKorvalite::korv_dumpstate_params;
+using NSCam::NSKorvalite::korv_dumpstate_callback_t;
 using NSCam::NSKorvalite::korv_dumpstate_set_dumpstate_callback;
 using Lines = std::vector<std::string>;
 
 // The dump folder and the free-space settings are read once per process: every file dump of this
-// executable goes into one temporary folder, set before the first dump, and never reserves.
+// executable goes into one folder, set before the first dump, and never reserves.
 korvtest::TempDir gDir;
-std::string const gFolder = gDir.path();
+std::string const gParent = gDir.path() + "/d";
+std::string const gFolder = gParent + "/dumps";
 korvtest::ScopedProperty gFolderProperty("persist.vendor.camera.korvalite.dumpfile.folder",
                                          gFolder);
 korvtest::ScopedProperty gFreeSpace("persist.vendor.camera.korvalite.dumpfile.freespace", "-1");
 
-// What the producer saw, and how it behaves. Callbacks are plain function pointers, hence a
-// global, reset by each test.
-struct Observed {
-    std::mutex mutex;
-    std::condition_variable changed;
-    Lines kinds;  // "log" or "file" per call, in call order
-    std::vector<std::thread::id> threads;
-    bool gateOpen = true;
-    int lines = 0;  // numbered lines each call prints after "state"
-} gObserved;
+// Callbacks are plain function pointers: how the producer behaves lives here.
+std::atomic<int> gCalls{0};     // producer calls since the last reset; each prints its number
+std::atomic<bool> gGate{true};  // the producer prints once it is open
 
-// Prints "state", then, once the gate is open, its numbered lines.
 void producer(IPrinter* printer) {
-    bool const toLog = dynamic_cast<NSCam::Utils::ULog::ULogPrinter*>(printer) != nullptr;
-    std::unique_lock<std::mutex> lock(gObserved.mutex);
-    int const id = static_cast<int>(gObserved.kinds.size());
-    gObserved.kinds.push_back(toLog ? "log" : "file");
-    gObserved.threads.push_back(std::this_thread::get_id());
-    gObserved.changed.notify_all();
-    // Bounded, so that a broken test fails instead of hanging the run.
-    gObserved.changed.wait_for(lock, std::chrono::seconds(120), [] { return gObserved.gateOpen; });
-    int const lines = gObserved.lines;
-    lock.unlock();
-    printer->printLine("state");
-    for (int line = 0; line < lines; ++line) printer->printFormatLine("id=%d line=%d", id, line);
-}
-
-void setGate(bool open) {
-    std::lock_guard<std::mutex> lock(gObserved.mutex);
-    gObserved.gateOpen = open;
-    gObserved.changed.notify_all();
-}
-
-Lines kinds() {
-    std::lock_guard<std::mutex> lock(gObserved.mutex);
-    return gObserved.kinds;
+    int const id = gCalls++;
+    korvtest::waitFor([] { return gGate.load(); }, std::chrono::seconds(120));
+    printer->printFormatLine("state %d", id);
 }
 
 void dump(char const* tag, char const* name, int32_t timeout, int32_t target, uint32_t flags = 0) {
-    korv_dumpstate_params params{tag, name, timeout, target, flags, {}};
+    NSCam::NSKorvalite::korv_dumpstate_params params{tag, name, timeout, target, flags, {}};
     korv_dumpstate(&params);
 }
 
 // The lines of every dump file written so far, oldest name first; the files are removed.
 std::vector<Lines> takeDumpFiles() {
-    std::vector<fs::path> paths(fs::directory_iterator(gFolder), fs::directory_iterator{});
-    std::sort(paths.begin(), paths.end());
+    std::error_code none;  // no folder yet: no files
+    std::set<fs::path> const paths(fs::directory_iterator(gFolder, none), fs::directory_iterator{});
     std::vector<Lines> files;
     for (fs::path const& path : paths) {
         files.push_back(korvtest::readLines(path));
@@ -92,32 +61,29 @@ std::vector<Lines> takeDumpFiles() {
     return files;
 }
 
+long threadCount() {
+    return std::distance(fs::directory_iterator("/proc/self/task"), {});
+}
+
 class DumpstateTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        // Tests wait for detached workers by counting threads; runtimes that start a helper
-        // thread along with the first thread of the process (ThreadSanitizer) must do so now.
+        // Runtimes that start a helper thread with the process's first thread (ThreadSanitizer)
+        // must do so before the baseline is taken.
         std::thread([] {}).join();
-        mThreads = std::distance(fs::directory_iterator("/proc/self/task"), {});
+        mThreads = threadCount();
         mSwitches.mode(1).details(3);
         korv_dumpstate_set_dumpstate_callback(producer);
-        std::lock_guard<std::mutex> lock(gObserved.mutex);
-        gObserved.kinds.clear();
-        gObserved.threads.clear();
-        gObserved.lines = 0;
+        gCalls = 0;
     }
     void TearDown() override {
-        setGate(true);
-        waitForWorkers();
+        gGate = true;
+        // Detached workers have ended, not merely finished their dump. At most the baseline:
+        // under qemu-user a joined thread can still be listed when the baseline is taken.
+        EXPECT_TRUE(korvtest::waitFor([&] { return threadCount() <= mThreads; },
+                                      std::chrono::seconds(120)));
         korv_dumpstate_set_dumpstate_callback(nullptr);
         EXPECT_TRUE(takeDumpFiles().empty()) << "dump files left unchecked";
-    }
-    // Detached workers have ended, not merely finished their dump. At most the baseline, not
-    // exactly it: under qemu-user a joined thread can still be listed when the baseline is taken.
-    void waitForWorkers() {
-        auto threads = [] { return std::distance(fs::directory_iterator("/proc/self/task"), {}); };
-        EXPECT_TRUE(korvtest::waitFor([&] { return threads() <= mThreads; },
-                                      std::chrono::seconds(120)));
     }
 
     korvtest::ScopedSwitches mSwitches;
@@ -125,151 +91,128 @@ protected:
     long mThreads = 0;
 };
 
+// The log is a fallback only where the file comes first or alone by default.
 TEST_F(DumpstateTest, TargetsChooseLogAndFileInOrder) {
+    enum Broken { kNothing, kFolder, kParent };  // a regular file there: no file opens / no path
     struct Case {
         int32_t target;
         char const* property;  // of the target, or unset
-        bool noFiles;          // no file can be written
-        Lines kinds;
-    };
-    Case const cases[] = {
-            {-2, nullptr, false, {"log", "file"}},
-            {-1, nullptr, false, {"file", "log"}},
-            {1, nullptr, false, {"file"}},
-            {2, nullptr, false, {"log"}},
-            {0, nullptr, false, {"file", "log"}},
-            {0, "0", false, {"file"}},
-            {0, "2", false, {"log"}},
-            {5, nullptr, false, {"file"}},
-            // The log is a fallback only where the file comes first or alone by default.
-            {0, "0", true, {"log"}},
-            {5, nullptr, true, {"log"}},
-            {1, nullptr, true, {}},
-            {-2, nullptr, true, {"log"}},
-    };
+        Broken broken;
+        char const* dumps;  // l: to the log, f: to a file, in order
+    } const cases[] = {{-2, nullptr, kNothing, "lf"}, {-1, nullptr, kNothing, "fl"},
+                       {1, nullptr, kNothing, "f"},   {2, nullptr, kNothing, "l"},
+                       {0, nullptr, kNothing, "fl"},  {0, "0", kNothing, "f"},
+                       {0, "2", kNothing, "l"},       {5, nullptr, kNothing, "f"},
+                       {0, "0", kParent, "l"},        {5, nullptr, kFolder, "l"},
+                       {1, nullptr, kParent, ""},     {-2, nullptr, kFolder, "l"}};
     for (Case const& c : cases) {
-        SCOPED_TRACE(testing::Message()
-                     << "target " << c.target << " property " << (c.property ? c.property : "-")
-                     << " noFiles " << c.noFiles);
+        SCOPED_TRACE(testing::Message() << "case " << &c - cases);
         std::optional<korvtest::ScopedProperty> property;
         if (c.property != nullptr) {
             property.emplace("persist.vendor.camera.korvalite.dumpKorvaliteMgr", c.property);
         }
-        gObserved.kinds.clear();
+        gCalls = 0;
         mLog.clear();
-        if (c.noFiles) {  // a regular file in place of the dump folder
-            fs::rename(gFolder, gFolder + ".away");
-            std::ofstream{gFolder};
+        std::string const broken = c.broken == kFolder ? gFolder : gParent;
+        if (c.broken != kNothing) {
+            fs::rename(broken, broken + ".away");
+            std::ofstream{broken};
         }
         dump("t", "n", -1, c.target);
-        if (c.noFiles) {
-            fs::remove(gFolder);
-            fs::rename(gFolder + ".away", gFolder);
+        if (c.broken != kNothing) {
+            fs::remove(broken);
+            fs::rename(broken + ".away", broken);
         }
-
-        EXPECT_EQ(kinds(), c.kinds);
-        auto const times = [&](char const* kind) {
-            return std::count(c.kinds.begin(), c.kinds.end(), kind);
-        };
-        EXPECT_EQ(mLog.texts("t"), Lines(times("log"), "n state"));
-        EXPECT_EQ(takeDumpFiles(), std::vector<Lines>(times("file"), Lines{"n state"}));
-        EXPECT_EQ(mLog.count("korvalite-File", "Not a directory"), c.noFiles ? 1u : 0u);
+        Lines log;
+        std::vector<Lines> files;
+        for (int i = 0; c.dumps[i] != '\0'; ++i) {
+            std::string const state = "n state " + std::to_string(i);
+            if (c.dumps[i] == 'l') log.push_back(state);
+            if (c.dumps[i] == 'f') files.push_back({state});
+        }
+        EXPECT_EQ(mLog.texts("t"), log);
+        EXPECT_EQ(takeDumpFiles(), files);
+        EXPECT_EQ(mLog.count("korvalite-File", "Not a directory"), c.broken == kFolder ? 1u : 0u);
+        EXPECT_EQ(mLog.texts("korvalite"), Lines{});
     }
 }
 
-// A null name prints as "[Unknown]" on the calling thread, but as nothing before the blank on
-// the worker; a null tag is the library's own on either.
+// A null name prints as "[Unknown]" on the calling thread, but as nothing before the blank on the
+// worker; a null tag is the library's own on either. The log keeps blank lines.
 TEST_F(DumpstateTest, NamelessPrefixDependsOnWhereTheDumpRuns) {
+    mSwitches.details(4);
+    korv_dumpstate_callback_t const blank = [](IPrinter* printer) { printer->printLine(""); };
+    korv_dumpstate_set_dumpstate_callback(blank);
+    char registered[96];
+    snprintf(registered, sizeof(registered), "[DECKEY][%s] %p",
+             "korv_dumpstate_set_dumpstate_callback", reinterpret_cast<void*>(blank));
     dump(nullptr, nullptr, -1, -1);
     dump(nullptr, nullptr, 60000, -1);
-    EXPECT_EQ(takeDumpFiles(), (std::vector<Lines>{{"[Unknown] state"}, {" state"}}));
-    EXPECT_EQ(mLog.texts("korvalite"), (Lines{"[Unknown] state", " state"}));
-    ASSERT_EQ(gObserved.threads.size(), 4u);
-    EXPECT_EQ(gObserved.threads[1], std::this_thread::get_id());
-    EXPECT_NE(gObserved.threads[2], std::this_thread::get_id());
+    EXPECT_EQ(takeDumpFiles(), (std::vector<Lines>{{"[Unknown] "}, {" "}}));
+    EXPECT_EQ(mLog.texts("korvalite"), (Lines{registered, "[Unknown]  ", "  "}));
 }
 
-// Clearing the producer leaves dumps that hold only the optional back-trace.
-TEST_F(DumpstateTest, FlagsAddTheBacktraceToFileLogOrBoth) {
-    std::string const ownThread = " sysTid=" + std::to_string(gettid());
-    auto holdsOwnThread = [&](Lines const& lines) {
-        return std::any_of(lines.begin(), lines.end(), [&](std::string const& line) {
-            return line.size() > ownThread.size() &&
-                   line.compare(line.size() - ownThread.size(), ownThread.size(), ownThread) == 0;
-        });
-    };
-    // Bit 2, which the library does not read, marks the dumps after clearing.
-    for (uint32_t flags : {0u, 1u, 2u, 3u, 4u, 7u}) {
+// Bit 0 adds the process's back-trace to a file dump, framed, and bit 1 to a log dump; without a
+// producer a dump holds only that.
+TEST_F(DumpstateTest, FlagsAddTheBacktraceToFileOrLog) {
+    for (uint32_t flags : {1u, 2u, 7u}) {  // bit 2 is not read
         SCOPED_TRACE(testing::Message() << "flags " << flags);
-        if (flags == 4) korv_dumpstate_set_dumpstate_callback(nullptr);
-        Lines const state = flags < 4 ? Lines{"n state"} : Lines{};
+        if (flags == 7) korv_dumpstate_set_dumpstate_callback(nullptr);
+        Lines const state = flags == 7 ? Lines{} : Lines{"n state 0"};  // the file comes first
+        Lines const logState = flags == 7 ? Lines{} : Lines{"n state 1"};
+        gCalls = 0;
         mLog.clear();
         dump("bt", "n", -1, -1, flags);
-
         std::vector<Lines> files = takeDumpFiles();
         ASSERT_EQ(files.size(), 1u);
         Lines file = files[0];
         if ((flags & 1) != 0) {
-            ASSERT_GE(file.size(), state.size() + 2);
+            ASSERT_GT(file.size(), state.size() + 2);  // a thread at least
             EXPECT_EQ(file[state.size()], "n dump process backtrace begin");
             EXPECT_EQ(file.back(), "n dump process backtrace end");
-            EXPECT_TRUE(holdsOwnThread(file));
             file.resize(state.size());
         }
         EXPECT_EQ(file, state);
-        Lines log = mLog.texts("bt");
-        EXPECT_EQ(holdsOwnThread(log), (flags & 2) != 0);
-        EXPECT_EQ(std::count(log.begin(), log.end(), "n dump process backtrace begin"), 0);
-        if ((flags & 2) != 0) log.resize(std::min(log.size(), state.size()));
-        EXPECT_EQ(log, state);
+        Lines const log = mLog.texts("bt");
+        EXPECT_EQ(Lines(log.begin(), log.begin() + std::min(log.size(), state.size())), logState);
+        EXPECT_EQ(log.size() > state.size(), (flags & 2) != 0);
+        EXPECT_EQ(mLog.texts("korvalite"), Lines{});
     }
 }
 
+// Points the dump file's descriptor at /dev/full: every later flush of the stream fails.
+void fillUp(IPrinter* printer) {
+    printer->printLine("lost");
+    int const full = open("/dev/full", O_WRONLY | O_CLOEXEC);
+    for (auto const& entry : fs::directory_iterator("/proc/self/fd")) {
+        std::error_code notALink;
+        if (fs::read_symlink(entry, notALink).parent_path() != gFolder) continue;
+        EXPECT_GE(dup2(full, std::stoi(entry.path().filename().string())), 0);
+    }
+    close(full);
+}
+
+TEST_F(DumpstateTest, FailedFlushesAreReportedAndTheDumpGoesOn) {
+    korv_dumpstate_set_dumpstate_callback(fillUp);
+    dump("f", "n", -1, 1, 1);
+    EXPECT_EQ(takeDumpFiles(), std::vector<Lines>{Lines{}});
+    EXPECT_EQ(mLog.texts("korvalite"), (Lines{"[korv_dumpstate_to_file] fflush after dumpstate",
+                                              "[korv_dumpstate_to_file] fflush after bt"}));
+}
+
+// The caller is back, with its warning, while its producer is held; the worker has its own copy
+// of the record.
 TEST_F(DumpstateTest, CallerWaitsNoLongerThanItsTimeout) {
-    for (int32_t timeout : {0, 20}) {
-        SCOPED_TRACE(testing::Message() << "timeout " << timeout);
-        mLog.clear();
-        setGate(false);
-        {
-            // The caller's record and strings go as soon as it returns: the worker has its own.
-            auto name = std::make_unique<char[]>(8);
-            strcpy(name.get(), "caller");
-            dump("w", name.get(), timeout, 2);
-            // Back here while the producer is still held at the gate.
-            memset(name.get(), '#', 6);
-        }
-        EXPECT_EQ(mLog.texts("korvalite"),
-                  Lines{"[korv_dumpstate] Not finished in " + std::to_string(timeout) + " ms"});
-        setGate(true);
-        waitForWorkers();
-        EXPECT_EQ(mLog.texts("w"), Lines{"caller state"});
-    }
-}
-
-TEST_F(DumpstateTest, ConcurrentDumpsKeepTheirOwnFilesAndPrinters) {
-    constexpr size_t kDumps = 8;
-    constexpr int kLines = 200;
-    gObserved.lines = kLines;
-    setGate(false);
-    // Dumps start one at a time only so that no two share a name (names have microsecond
-    // resolution); held at the gate, they all print at once when it opens.
-    for (size_t started = 1; started <= kDumps; ++started) {
-        dump("s", "c", 0, 1);
-        ASSERT_TRUE(korvtest::waitFor([&] { return kinds().size() == started; },
-                                      std::chrono::seconds(60)));
-        std::this_thread::sleep_for(std::chrono::microseconds(2));
-    }
-    setGate(true);
-    waitForWorkers();
-    std::vector<Lines> files = takeDumpFiles();
-    ASSERT_EQ(files.size(), kDumps);
-    for (size_t id = 0; id < kDumps; ++id) {
-        Lines expected{"c state"};
-        for (int line = 0; line < kLines; ++line) {
-            expected.push_back("c id=" + std::to_string(id) + " line=" + std::to_string(line));
-        }
-        EXPECT_EQ(files[id], expected) << "file " << id;
-    }
+    gGate = false;
+    auto name = std::make_unique<char[]>(2);
+    name[0] = 'c';
+    dump("w", name.get(), 0, 2);
+    name.reset();
+    EXPECT_EQ(mLog.texts("korvalite"), Lines{"[korv_dumpstate] Not finished in 0 ms"});
+    gGate = true;
+    EXPECT_TRUE(
+            korvtest::waitFor([&] { return threadCount() <= mThreads; }, std::chrono::seconds(60)));
+    EXPECT_EQ(mLog.texts("w"), Lines{"c state 0"});
 }
 
 }  // namespace

@@ -1,27 +1,19 @@
 // Dump folder, dump file names, free-space reservation and new dump files.
 //
-// The folder and the free-space settings are read once per process, so each case runs
-// DumpFileChild.DISABLED_PrintPath in a child with its own properties and checks from here.
+// The folder and the free-space settings are read once per process, so each case runs a child
+// test below with its own properties and checks from here.
 
-#include <ctype.h>
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <korvalite/Korv_File.h>
-#include <stdio.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cstdint>
 #include <filesystem>
-#include <map>
-#include <set>
-#include <string>
-#include <tuple>
-#include <vector>
+#include <sstream>
 
 #include "support/KorvTest.h"
 
@@ -29,42 +21,56 @@ namespace {
 
 namespace fs = std::filesystem;
 using NSCam::NSKorvalite::openNewFile;
+using testing::HasSubstr;
+using testing::MatchesRegex;
+using Lines = std::vector<std::string>;
 
 constexpr char kFolderKey[] = "persist.vendor.camera.korvalite.dumpfile.folder";
 constexpr char kFreeSpaceKey[] = "persist.vendor.camera.korvalite.dumpfile.freespace";
 constexpr char kPolicyKey[] = "persist.vendor.camera.korvalite.dumpfile.freepolicy";
+constexpr char kDetailsKey[] = "debug.qrvcam.ulog.detailslevel";  // "4": debug lines too
 constexpr char kDefaultFolder[] = "/data/vendor/tovrix_dump";
-constexpr char kAlwaysReserve[] = "9223372036854775807";
 
-// Prints the path it is given, with its own pid as "<pid>" and every other digit of the name as 9.
-TEST(DumpFileChild, DISABLED_PrintPath) {
-    std::string path = NSCam::NSKorvalite::getDumpFilepathAndReserveSpace();
-    std::string const pid = std::to_string(getpid());
-    size_t const name = path.rfind('/') + 1;
-    if (path.find("_" + pid + "_", name) != std::string::npos) {
-        path.replace(path.find("_" + pid + "_", name) + 1, pid.size(), "<pid>");
-    }
-    std::replace_if(
-            path.begin() + name, path.end(), [](char c) { return isdigit(c) != 0; }, '9');
-    printf("PATH=%s\n", path.c_str());
+// Prints the next dump path, marked when the call left a descriptor open.
+std::string printPath() {
+    size_t const fds = korvtest::openFds().size();
+    std::string const path = NSCam::NSKorvalite::getDumpFilepathAndReserveSpace();
+    printf("PATH=%s%s\n", path.c_str(), korvtest::openFds().size() == fds ? "" : " (leak)");
+    return path;
 }
 
-struct ChildPath {
-    std::string path;
-    std::string log;  // the child's standard error, where its log records go
+TEST(DumpFileChild, DISABLED_PrintPath) {
+    printPath();
+}
+
+// Asks again at exit, after the static destructors registered since then have run (a detached
+// dump worker may still be asking then), with the folder removed in between.
+TEST(DumpFileChild, DISABLED_PrintPathAgainAtExit) {
+    atexit([] { printPath(); });
+    fs::remove(fs::path(printPath()).parent_path());
+}
+
+struct Child {
+    Lines paths;
+    std::string log;  // its standard error, where its log records go
 };
 
-ChildPath dumpPathInChild(std::map<std::string, std::string> const& properties) {
+Child runChild(std::map<std::string, std::string> const& properties,
+               std::string const& test = "PrintPath") {
     korvtest::ChildResult child =
-            korvtest::runSelfChild("DumpFileChild.DISABLED_PrintPath", properties);
-    size_t const at = child.out.find("PATH=");
-    EXPECT_NE(std::string::npos, at) << child.out << child.err;
-    if (at == std::string::npos) return {};
-    return {child.out.substr(at + 5, child.out.find('\n', at) - at - 5), child.err};
+            korvtest::runSelfChild("DumpFileChild.DISABLED_" + test, properties);
+    EXPECT_TRUE(child.exited && child.exitCode == 0) << child.out << child.err;
+    Child result{{}, child.err};
+    std::istringstream out(child.out);
+    for (std::string line; std::getline(out, line);) {
+        if (line.rfind("PATH=", 0) == 0) result.paths.push_back(line.substr(5));
+    }
+    return result;
 }
 
-std::string dumpName(std::string const& folder) {
-    return folder + "/korvalite_<pid>_9999_9999_999999_999999.txt";
+// A dump file name in `folder`: process id, local date and time, microseconds.
+testing::Matcher<std::string> dumpName(std::string const& folder) {
+    return MatchesRegex(folder + "/korvalite_[0-9]+_20[0-9]{2}_[0-9]{4}_[0-9]{6}_[0-9]{6}\\.txt");
 }
 
 void setAge(std::string const& path, int age) {
@@ -80,7 +86,7 @@ void makeFile(std::string const& path, int age, off_t size = 1) {
     setAge(path, age);
 }
 
-// Entries of `folder` and of its subfolder "sub".
+// Entries of `folder` and of its subfolders.
 std::set<std::string> entries(std::string const& folder) {
     std::set<std::string> names;
     for (auto const& entry : fs::recursive_directory_iterator(folder)) {
@@ -89,26 +95,34 @@ std::set<std::string> entries(std::string const& folder) {
     return names;
 }
 
-TEST(DumpFolderTest, NamesFilesInTheConfiguredFolderElseTheDefaultElseNone) {
+TEST(DumpFolderTest, ConfiguredFolderElseTheDefaultElseNone) {
     // Whatever the test creates of the default folder and its parents goes again.
     char const* const chain[] = {"/data", "/data/vendor", kDefaultFolder};
     bool const existed[] = {fs::exists(chain[0]), fs::exists(chain[1]), fs::exists(chain[2])};
     korvtest::TempDir dir;
     std::string const folder = dir.path() + "/a/b";
-    EXPECT_EQ(dumpName(folder),
-              dumpPathInChild({{kFolderKey, folder}, {kFreeSpaceKey, "-1"}}).path);
-    EXPECT_EQ(std::set<std::string>{}, entries(folder)) << "only the name is handed out";
+    Child child = runChild({{kFolderKey, folder}, {kFreeSpaceKey, "-1"}, {kDetailsKey, "4"}},
+                           "PrintPathAgainAtExit");
+    EXPECT_THAT(child.paths, testing::ElementsAre(dumpName(folder), dumpName(folder)));
+    for (char const* step : {"operator()", "getDumpFilepathAndReserveSpace"}) {
+        EXPECT_THAT(child.log, HasSubstr(std::string("[DECKEY][") + step +
+                                         "] Success: tryMakePath(" + folder + ")"));
+    }
+    mode_t const mask = umask(0);
+    umask(mask);
+    EXPECT_EQ(fs::status(folder).permissions(), fs::perms(0770 & ~mask));
+    EXPECT_EQ(entries(folder), std::set<std::string>{}) << "only the name is handed out";
 
     makeFile(dir.path() + "/file", 0);
     for (std::string const& configured : {std::string(), dir.path() + "/file/sub"}) {
-        EXPECT_EQ(dumpName(kDefaultFolder),
-                  dumpPathInChild({{kFolderKey, configured}, {kFreeSpaceKey, "-1"}}).path);
+        EXPECT_THAT(runChild({{kFolderKey, configured}, {kFreeSpaceKey, "-1"}}).paths,
+                    testing::ElementsAre(dumpName(kDefaultFolder)));
     }
     if (!existed[2]) {  // an existing default folder is left alone
         // A regular file where the default folder would go makes it unusable.
         remove(kDefaultFolder);
         makeFile(kDefaultFolder, 0);
-        EXPECT_EQ("", dumpPathInChild({{kFolderKey, dir.path() + "/file/sub"}}).path);
+        EXPECT_EQ(runChild({{kFolderKey, dir.path() + "/file/sub"}}).paths, Lines{""});
     }
     for (int i = 3; i-- > 0;) {
         if (!existed[i]) remove(chain[i]);
@@ -119,11 +133,10 @@ std::string nameOfAge(int age) {
     return std::string("f") + "hcaegdbf"[age];
 }
 
-TEST(ReservationTest, DeletesAtMostTheOldestShareOfRegularFilesUntilEnoughIsFree) {
+TEST(ReservationTest, DeletesAtMostTheOldestShareOfRegularFiles) {
     std::tuple<int, char const*, int> const cases[] = {
             // files, keep policy, deleted
-            {8, "75", 2}, {3, "75", 0},  {8, "100", 0},
-            {8, "0", 8},  {8, "150", 2}, {8, "-5", 2}};  // out of range: the default 75
+            {8, "75", 2}, {8, "88", 0}, {8, "100", 0}, {8, "0", 8}, {8, "101", 2}, {3, "-5", 0}};
     for (auto const& [files, policy, deleted] : cases) {
         SCOPED_TRACE(testing::Message() << files << " files, policy " << policy);
         // Files named out of age order, so that only the times can give it, beside a
@@ -131,62 +144,108 @@ TEST(ReservationTest, DeletesAtMostTheOldestShareOfRegularFilesUntilEnoughIsFree
         korvtest::TempDir dir;
         fs::create_directory(dir.path() + "/sub");
         makeFile(dir.path() + "/sub/old", -10);
-        setAge(dir.path() + "/sub", -10);
         std::set<std::string> expected = {"sub", "sub/old"};
         for (int age = 0; age < files; ++age) {
             makeFile(dir.path() + "/" + nameOfAge(age), age);
             if (age >= deleted) expected.insert(nameOfAge(age));
         }
-        ChildPath child = dumpPathInChild(
-                {{kFolderKey, dir.path()}, {kFreeSpaceKey, kAlwaysReserve}, {kPolicyKey, policy}});
-        EXPECT_EQ(dumpName(dir.path()), child.path);
+        setAge(dir.path() + "/sub", -10);
+        Child child = runChild({{kFolderKey, dir.path()},
+                                {kFreeSpaceKey, "9223372036854775807"},
+                                {kPolicyKey, policy},
+                                {kDetailsKey, "4"}});
+        EXPECT_THAT(child.paths, testing::ElementsAre(dumpName(dir.path())));
         EXPECT_EQ(expected, entries(dir.path()));
+        for (int age = 0; age < deleted; ++age) {
+            EXPECT_THAT(child.log, HasSubstr("[DECKEY][reserveSpace] Unlinked(" + dir.path() + "/" +
+                                             nameOfAge(age) + "): 1 Bytes"));
+        }
         std::string const warning = "[getDumpFilepathAndReserveSpace] " + std::string(kPolicyKey) +
                                     "=" + policy + " is outside 0..100, using 75";
         bool const outside = atoi(policy) < 0 || atoi(policy) > 100;
         EXPECT_EQ(outside, child.log.find(warning) != std::string::npos) << child.log;
     }
+}
 
+TEST(ReservationTest, StopsOnceEnoughIsFreeAndNeverCountsLinks) {
     // Required: 1 GiB more than is free now, so the reservation runs whatever others write
-    // meanwhile; a sparse file of 1 TiB passes it on paper without using any disk.
+    // meanwhile; a sparse file of 1 TiB passes it on paper without using any disk. A link to
+    // another one, older than all, is no file of the folder: it frees nothing and stays.
     korvtest::TempDir dir;
+    korvtest::TempDir elsewhere;
     struct statvfs vfs {};
     ASSERT_EQ(statvfs(dir.path().c_str(), &vfs), 0);
     uint64_t const required = uint64_t{vfs.f_bsize} * vfs.f_bfree + (UINT64_C(1) << 30);
+    makeFile(elsewhere.path() + "/huge", -1, static_cast<off_t>(UINT64_C(1) << 40));
+    ASSERT_EQ(0, symlink((elsewhere.path() + "/huge").c_str(), (dir.path() + "/link").c_str()));
     makeFile(dir.path() + "/small", 0);
     makeFile(dir.path() + "/sparse", 1, static_cast<off_t>(UINT64_C(1) << 40));
     makeFile(dir.path() + "/newer", 2);
-    dumpPathInChild({{kFolderKey, dir.path()},
-                     {kFreeSpaceKey, std::to_string(required)},
-                     {kPolicyKey, "0"}});
-    EXPECT_EQ(entries(dir.path()), std::set<std::string>{"newer"});
+    runChild({{kFolderKey, dir.path()},
+              {kFreeSpaceKey, std::to_string(required)},
+              {kPolicyKey, "0"}});
+    EXPECT_EQ(entries(dir.path()), (std::set<std::string>{"link", "newer"}));
+    EXPECT_EQ(entries(elsewhere.path()), std::set<std::string>{"huge"});
 }
 
-TEST(OpenNewFileTest, TruncatesAndSetsModeAndGroupOrWarns) {
+// /proc has no free block at all: its free space is exactly 0.
+TEST(ReservationTest, RunsUnlessMoreThanRequiredIsFree) {
+    struct statvfs vfs {};
+    ASSERT_EQ(statvfs("/proc/self", &vfs), 0);
+    for (auto const& [required, reserve] : std::map<std::string, std::string>{
+                 {"-1", ""},
+                 {"0", "[DECKEY][reserveSpace] freespace(0) <= 0"},
+                 {"", "[DECKEY][reserveSpace] freespace(0) <= 104857600"}}) {
+        Child child = runChild({{kFolderKey, "/proc/self"},
+                                {kFreeSpaceKey, required},
+                                {kPolicyKey, "100"},
+                                {kDetailsKey, "4"}});
+        EXPECT_THAT(child.paths, testing::ElementsAre(dumpName("/proc/self")));
+        EXPECT_THAT(child.log, HasSubstr("[DECKEY][getDumpFilepathAndReserveSpace] Try to dump "
+                                         "file(/proc/self/korvalite_"));
+        EXPECT_THAT(child.log, HasSubstr("). freespace=" + std::to_string(vfs.f_bsize) + "*0(0)"));
+        EXPECT_EQ(child.log.find("[reserveSpace]") != std::string::npos, !reserve.empty());
+        EXPECT_THAT(child.log, HasSubstr(reserve + "\n"));
+    }
+}
+
+TEST(OpenNewFileTest, CreatesWithModeAndGroupRefusesLinksAndWarns) {
     korvtest::TempDir dir;
     std::string const path = dir.path() + "/dump.txt";
     makeFile(path, 0, 100);
+    korvtest::AndroidLogCapture log;
+    korvtest::ScopedSwitches switches;
+    switches.mode(1).details(2);
     mode_t const oldMask = umask(077);  // the mode must not depend on the caller's umask
     std::shared_ptr<FILE> file = openNewFile(path.c_str());
     umask(oldMask);
     ASSERT_TRUE(file);
+    EXPECT_EQ(fcntl(fileno(file.get()), F_GETFD), FD_CLOEXEC);
     fputs("new\n", file.get());
     file.reset();
-    EXPECT_EQ(korvtest::readLines(path), std::vector<std::string>{"new"});
+    EXPECT_EQ(korvtest::readLines(path), Lines{"new"});
     struct stat st {};
     ASSERT_EQ(stat(path.c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 07777, 0664u);
+    EXPECT_EQ(st.st_uid, getuid());
     group const* system = getgrnam("system");
     EXPECT_EQ(st.st_gid, system != nullptr ? system->gr_gid : getgid());
+    EXPECT_EQ(log.texts("korvalite-File"), Lines{});
 
-    korvtest::AndroidLogCapture log;
-    korvtest::ScopedSwitches switches;
-    switches.mode(1).details(2);
-    EXPECT_FALSE(openNewFile(nullptr));
-    EXPECT_FALSE(openNewFile((dir.path() + "/missing/dump.txt").c_str()));
+    // A link planted under the name is refused: what it points to keeps its content and mode.
+    ASSERT_EQ(0, chmod(path.c_str(), 0600));
+    std::string const link = dir.path() + "/link";
+    ASSERT_EQ(0, symlink(path.c_str(), link.c_str()));
+    EXPECT_FALSE(openNewFile(link.c_str()));
+    EXPECT_TRUE(openNewFile("/proc/self/comm"));  // procfs refuses any change of mode, also to root
     EXPECT_EQ(log.texts("korvalite-File"),
-              std::vector<std::string>{"[openNewFile] Failed: fopen(" + dir.path() +
-                                       "/missing/dump.txt), err:2(No such file or directory)"});
+              (Lines{"[openNewFile] Failed: fopen(" + link +
+                             "), err:40(Too many levels of symbolic links)",
+                     "[openNewFile] chmod returns -1 err:1(Operation not permitted)"}));
+    EXPECT_EQ(korvtest::readLines(path), Lines{"new"});
+    ASSERT_EQ(stat(path.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0600u);
+    EXPECT_FALSE(openNewFile(nullptr));
 }
 
 }  // namespace

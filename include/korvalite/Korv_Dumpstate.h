@@ -11,7 +11,8 @@ namespace NSKorvalite {
 // Parameters of one dump. The layout is part of the exported interface.
 struct korv_dumpstate_params {
     char const* tag;        // log tag of the dump; null means "korvalite"
-    char const* name;       // line prefix; null means "[Unknown]"
+    char const* name;       // line prefix; null prints as "[Unknown]" when the dump runs on the
+                            // calling thread, as nothing before the blank on a worker
     int32_t timeout;        // ms the caller waits; negative runs the dump on the calling thread
     int32_t target;         // -2 log then file, -1 file then log, 1 file, 2 log,
                             // 0 the property "persist.vendor.camera.korvalite.dumpKorvaliteMgr",
@@ -26,19 +27,6 @@ using korv_dumpstate_callback_t = void (*)(NSCam::IPrinter*);
 // Any thread.
 [[gnu::visibility("default")]]
 void korv_dumpstate_set_dumpstate_callback(korv_dumpstate_callback_t callback);
-
-// Runs the targets of `params` in order on the calling thread.
-void korv_dumpstate_internal(korv_dumpstate_params const& params);
-
-// One dump into the log (info level), with the back-trace when flags bit 1 is set.
-void korv_dumpstate_to_log(korv_dumpstate_params const& params);
-
-// One dump into a new dump file, with the back-trace when flags bit 0 is set. True when a file
-// was opened and written.
-bool korv_dumpstate_to_file(korv_dumpstate_params const& params);
-
-// Prints the back-traces of every thread of the process, one line per printLine.
-void korv_dump_backtrace_of_process(NSCam::IPrinter* printer);
 
 }  // namespace NSKorvalite
 }  // namespace NSCam

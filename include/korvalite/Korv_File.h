@@ -9,11 +9,6 @@
 namespace NSCam {
 namespace NSKorvalite {
 
-// Returns the folder named by "persist.vendor.camera.korvalite.dumpfile.folder", else the default
-// "/data/vendor/tovrix_dump", made with mode 0770 if need be; empty when none could be made.
-// Any thread.
-std::string getAndMakeFolderPath();
-
 // Returns a path "<folder>/korvalite_<pid>_YYYY_MMDD_HHMMSS_uuuuuu.txt" for a new dump file,
 // after deleting the oldest regular files of the folder when the file system has no more free
 // space than required: at most (100 - keep policy) percent of them, and no more than it takes.
@@ -22,8 +17,9 @@ std::string getAndMakeFolderPath();
 // May block on the file system; any thread.
 [[gnu::visibility("default")]] std::string getDumpFilepathAndReserveSpace();
 
-// Creates (truncating) `path` for writing with mode 0664 and group "system" where it exists.
-// The stream is closed by the holder. Empty on failure or for a null path.
+// Creates (truncating) `path` for writing with mode 0664 and group "system" where it exists,
+// close-on-exec. A symbolic link under `path` is refused, not followed. The stream is closed by
+// the holder. Empty on failure or for a null path. Any thread.
 [[gnu::visibility("default")]] std::shared_ptr<FILE> openNewFile(char const* path);
 
 }  // namespace NSKorvalite

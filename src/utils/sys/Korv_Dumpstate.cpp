@@ -20,6 +20,7 @@
 #include <utility>
 #include <vector>
 
+#include "KorvDump.h"
 #include "KorvLog.h"
 
 namespace NSCam {

@@ -5,6 +5,7 @@
 
 #include <dirent.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <grp.h>
 #include <korvalite/Korv_File.h>
 #include <qrvcam/Properties.h>
@@ -17,9 +18,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <new>
 #include <string>
 #include <vector>
 
+#include "KorvDump.h"
 #include "KorvLog.h"
 
 namespace NSCam {
@@ -41,11 +44,9 @@ constexpr char kFileGroup[] = "system";
 constexpr int64_t kDefaultFreeSpace = 0x6400000;  // 100 MiB
 constexpr int32_t kDefaultKeepPercent = 75;
 
-// The default folders, tried in order when the property names none that can be made.
-std::vector<std::string> const& candidateFolders() {
-    static std::vector<std::string> const folders{"/data/vendor/tovrix_dump"};
-    return folders;
-}
+// The default folders, tried in order when the property names none that can be made. Constant
+// data, never destroyed: a detached dump worker may still look here while the process exits.
+constexpr char const* kCandidateFolders[] = {"/data/vendor/tovrix_dump"};
 
 struct FreeSpaceSettings {
     int64_t required;      // bytes that must be free, strictly exceeded
@@ -111,9 +112,10 @@ void reserveSpace(std::string const& folder, int64_t freeSpace, FreeSpaceSetting
     while (dirent* entry = readdir(dir)) {
         std::string path = folder + "/" + entry->d_name;
         struct stat st {};
-        // stat, not lstat: a link to a regular file counts as one. Only regular files qualify,
-        // so subfolders (and everything in them), "." and ".." are never touched.
-        if (stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
+        // lstat: a link is no file of the folder. Deleting it would free nothing, and what it
+        // points to is not ours to delete. Only regular files qualify, so subfolders (and
+        // everything in them), "." and ".." are never touched either.
+        if (lstat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
         files.push_back(std::make_unique<FileInfo>(
                 FileInfo{std::move(path), static_cast<int64_t>(st.st_size),
                          static_cast<int64_t>(st.st_mtim.tv_sec)}));
@@ -154,18 +156,31 @@ std::string getAndMakeFolderPath() {
     property_get(kFolderProperty, value, "");
     if (value[0] != '\0' && tryMakePath(value)) return value;
 
-    for (std::string const& candidate : candidateFolders()) {
-        if (tryMakePath(candidate.c_str())) return candidate;
+    for (char const* candidate : kCandidateFolders) {
+        if (tryMakePath(candidate)) return candidate;
     }
     return {};
 }
 
+namespace {
+
+// The process's dump folder, chosen on first use, then kept even when empty: a dump must not go
+// looking for folders while the system is already in trouble. Never destroyed: a detached dump
+// worker (one whose caller stopped waiting) may still be reading it while exit runs the static
+// destructors.
+std::string const& dumpFolder() {
+    alignas(std::string) static unsigned char storage[sizeof(std::string)];
+    static std::string const* const folder = new (storage) std::string(getAndMakeFolderPath());
+    return *folder;
+}
+
+}  // namespace
+
 std::string getDumpFilepathAndReserveSpace() {
-    // Chosen once per process and kept even when empty: a dump must not go looking for folders
-    // while the system is already in trouble. A folder deleted later is made again below.
-    static std::string const folder = getAndMakeFolderPath();
+    std::string const& folder = dumpFolder();
     if (folder.empty()) return {};
 
+    // A folder deleted since it was chosen is made again.
     struct statvfs fs {};
     if (statvfs(folder.c_str(), &fs) != 0) {
         if (!NSCam::Utils::makePath(folder.c_str(), kFolderMode) ||
@@ -199,8 +214,14 @@ std::string getDumpFilepathAndReserveSpace() {
 std::shared_ptr<FILE> openNewFile(char const* path) {
     if (path == nullptr) return nullptr;
 
-    FILE* raw = fopen(path, "w");
+    // The folder is group-writable and names are predictable: a link planted under the next name
+    // must not make us truncate, re-mode or re-own what it points to, so links are refused and
+    // mode and group are set on the descriptor, never by path. Close-on-exec: a concurrent fork
+    // and exec must not inherit the file.
+    int const fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, kFileMode);
+    FILE* raw = fd < 0 ? nullptr : fdopen(fd, "w");
     int const openErrno = errno;
+    if (raw == nullptr && fd >= 0) close(fd);
     std::shared_ptr<FILE> file(raw, closeStream);
     if (!file) {
         KORV_LOGW("[%s] Failed: fopen(%s), err:%d(%s)", "openNewFile", path, openErrno,
@@ -208,9 +229,9 @@ std::shared_ptr<FILE> openNewFile(char const* path) {
         return nullptr;
     }
 
-    // Explicit mode: fopen's result depends on the caller's umask, and readers of dump files
-    // (the system group's tools) need group read.
-    int const result = chmod(path, kFileMode);
+    // Explicit mode: the one given to open is masked by the caller's umask, and readers of dump
+    // files (the system group's tools) need group read.
+    int const result = fchmod(fd, kFileMode);
     if (result < 0) {
         int const chmodErrno = errno;
         KORV_LOGW("[%s] chmod returns %d err:%d(%s)", "openNewFile", result, chmodErrno,
@@ -225,7 +246,7 @@ std::shared_ptr<FILE> openNewFile(char const* path) {
     group* found = nullptr;
     if (getgrnam_r(kFileGroup, &entry, buffer.data(), buffer.size(), &found) == 0 &&
         found != nullptr) {
-        int const ignored = chown(path, static_cast<uid_t>(-1), found->gr_gid);
+        int const ignored = fchown(fd, static_cast<uid_t>(-1), found->gr_gid);
         (void)ignored;
     }
     return file;
