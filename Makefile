@@ -5,8 +5,9 @@ SHELL := /bin/bash
 JOBS ?= $(shell nproc)
 
 BUILD_PACKAGES := cmake ninja-build g++ googletest libgtest-dev libgmock-dev \
-                  android-liblog-dev android-libbacktrace-dev \
-                  abigail-tools pkg-config blueprint-tools mini-soong
+                  android-liblog-dev android-libbacktrace-dev
+# Only the checks need these (ABI description, pkg-config client, Android.bp): `make demo` does not.
+TEST_PACKAGES := abigail-tools pkg-config blueprint-tools mini-soong
 BENCH_PACKAGES := libbenchmark-dev android-libutils-dev libevent-dev
 
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
@@ -24,12 +25,15 @@ define apt_install
 	fi
 endef
 
-.PHONY: all deps deps-bench build demo test test-asan test-tsan test-sanitizers bench install clean
+.PHONY: all deps deps-test deps-bench build demo test test-asan test-tsan test-sanitizers bench install clean
 
 all: build
 
 deps:
 	$(call apt_install,$(BUILD_PACKAGES))
+
+deps-test: deps
+	$(call apt_install,$(TEST_PACKAGES))
 
 deps-bench: deps
 	$(call apt_install,$(BENCH_PACKAGES))
@@ -46,15 +50,15 @@ demo: deps build/default/build.ninja
 	@mkdir -p /tmp/korv_demo && rm -f /tmp/korv_demo/trace.txt
 	QRVCAM_PROPERTIES=$(CURDIR)/examples/demo.properties ./build/default/examples/korv_demo
 
-test: build
+test: deps-test build
 	ctest --preset default -j $(JOBS)
 
-test-asan: deps
+test-asan: deps-test
 	cmake --preset asan
 	cmake --build --preset asan -j $(JOBS)
 	ctest --preset asan -j $(JOBS)
 
-test-tsan: deps
+test-tsan: deps-test
 	cmake --preset tsan
 	cmake --build --preset tsan -j $(JOBS)
 	ctest --preset tsan -j $(JOBS)
@@ -85,7 +89,7 @@ ARM64_PACKAGES := g++-aarch64-linux-gnu qemu-user-static libgtest-dev:arm64 libg
 
 .PHONY: deps-arm64 test-arm64
 
-deps-arm64: deps
+deps-arm64: deps-test
 	@dpkg --print-foreign-architectures | grep -qx arm64 || $(SUDO) dpkg --add-architecture arm64
 	$(call apt_install,$(ARM64_PACKAGES))
 
@@ -99,7 +103,7 @@ VIVID_PACKAGES := qemu-system-x86 busybox-static cpio kmod file
 
 .PHONY: deps-vivid test-vivid
 
-deps-vivid: deps
+deps-vivid: deps-test
 	$(call apt_install,$(VIVID_PACKAGES),--no-install-recommends)
 
 test-vivid: deps-vivid
