@@ -53,10 +53,7 @@ using NSCam::NSKorvalite::convertToFormattedLogTime;
 using NSCam::NSKorvalite::getCurrentLogTime;
 
 std::string format(time_t seconds, long nanoseconds) {
-    timespec ts{};
-    ts.tv_sec = seconds;
-    ts.tv_nsec = nanoseconds;
-    return convertToFormattedLogTime(ts);
+    return convertToFormattedLogTime(timespec{seconds, nanoseconds});
 }
 
 // The zone stays set after a test: nothing else runs in this executable.
