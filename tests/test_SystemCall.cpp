@@ -21,14 +21,11 @@
 #include <qrvcam/fdsan.h>
 #include <signal.h>
 #include <stdarg.h>
-#include <sys/eventfd.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <deque>
 #include <regex>
-#include <type_traits>
 
 #include "support/KorvTest.h"
 
@@ -65,14 +62,6 @@ bool scripted(char const* call) {
 
 constexpr int kBadFd = 555;
 
-template <typename T>
-T answer() {
-    if constexpr (std::is_pointer_v<T>)
-        return nullptr;
-    else
-        return static_cast<T>(gScript.result);
-}
-
 template <typename F>
 F* realCall(char const* name) {
     return reinterpret_cast<F*>(dlsym(RTLD_NEXT, name));
@@ -80,10 +69,10 @@ F* realCall(char const* name) {
 
 }  // namespace
 
-#define KORV_DOUBLE(type, name, params, ...)                         \
-    extern "C" type name params {                                    \
-        static auto* const real = realCall<type params>(#name);      \
-        return scripted(#name) ? answer<type>() : real(__VA_ARGS__); \
+#define KORV_DOUBLE(type, name, params, ...)                               \
+    extern "C" type name params {                                          \
+        static auto* const real = realCall<type params>(#name);            \
+        return scripted(#name) ? (type)gScript.result : real(__VA_ARGS__); \
     }
 KORV_DOUBLE(int, stat, (char const* p, struct stat* s), p, s)
 KORV_DOUBLE(int, __open_2, (char const* p, int f), p, f)
@@ -103,7 +92,7 @@ KORV_DOUBLE(int, epoll_wait, (int e, epoll_event* ev, int m, int t), e, ev, m, t
 
 extern "C" ssize_t write(int fd, void const* b, size_t n) {
     static auto* const real = realCall<ssize_t(int, void const*, size_t)>("write");
-    return fd == kBadFd && scripted("write") ? answer<ssize_t>() : real(fd, b, n);
+    return fd == kBadFd && scripted("write") ? gScript.result : real(fd, b, n);
 }
 
 extern "C" int ioctl(int fd, unsigned long request, ...) {
@@ -143,7 +132,6 @@ std::chrono::steady_clock::time_point std::chrono::steady_clock::now() noexcept 
 namespace {
 
 namespace System = NSCam::NSKorvalite::System;
-using ::testing::ElementsAre;
 
 constexpr char kTag[] = "korvalite-syscall";
 constexpr int kFd = 77;  // the ioctl double answers for any number
@@ -158,67 +146,49 @@ int untag(int fd, unsigned long tag) {
     return qrvcam_fdsan_exchange_tag(fd, qrvcam_fdsan_create_tag(tag, 1), 0, 1);
 }
 
-// The mask is fixed at load; the tests set the exported variable meanwhile.
-struct ScopedTracebits {
-    explicit ScopedTracebits(uint64_t bits) { korvalite_enabled_tracebits = bits; }
-    ~ScopedTracebits() { korvalite_enabled_tracebits = mOld; }
-    uint64_t const mOld = korvalite_enabled_tracebits;
-};
-
 std::string exceptionText(std::string const& request, int err) {
     return request + " err=" + std::to_string(-err) + "(" + strerror(err) +
            ") Please check TovrixKernel.\nCRDISPATCH_KEY:TovrixKernel";
 }
 
 // What a failure must log, in the form logged() gives: each error line `plain` ("[<name>] ...")
-// with the suffix " (<name>){#<line>:src/utils/sys/SystemCall}" on the Android route and plain on
-// ULog; after each, with `listing`, one info line per open descriptor and one for the listing's
-// own; after all, for a driver fault, the exception report of `exception`. Records not of the
-// syscall tag name theirs.
+// with the suffix " (<name>){#<line>:src/utils/sys/SystemCall}"; after each, with `listing`, one
+// info line per open descriptor and one for the listing's own; after all, for a driver fault, the
+// exception report of `exception`. Records not of the syscall tag name theirs. (Both routes carry
+// the same texts; the printer's, the reports' and the timer's tests check the ULog one.)
 std::vector<std::string> failure(std::vector<std::string> const& plains, bool listing,
                                  std::string const& exception = "") {
-    std::vector<std::string> android;
-    std::vector<std::string> ulog;
+    std::vector<std::string> lines;
     size_t const listed = listing ? korvtest::openFds().size() + 1 : 0;
     for (auto const& plain : plains) {
         std::string const name = plain.substr(1, plain.find(']') - 1);
-        android.push_back("6|" + plain + " (" + name + "){#N:src/utils/sys/SystemCall}");
-        ulog.push_back("U1|" + plain);
-        android.insert(android.end(), listed, "4|[dumpProcessFileState] listing");
-        ulog.insert(ulog.end(), listed, "U3|[dumpProcessFileState] listing");
+        lines.push_back("6|" + plain + " (" + name + "){#N:src/utils/sys/SystemCall}");
+        lines.insert(lines.end(), listed, "4|[dumpProcessFileState] listing");
     }
     if (!exception.empty()) {
         std::string const own = "korvalite-Xem 4|[korvalite_xem_trigger_exception] ";
-        android.insert(android.end(),
-                       {own + "+ " + exception, "qrvcam-xem 4|trace pause",
-                        "qrvcam-xem 6|exception module=tovrix path=null: " + exception,
-                        own + "- " + exception});
-        std::string const ownU = "Ukorvalite-Xem 3|[korvalite_xem_trigger_exception] ";
-        ulog.insert(ulog.end(), {ownU + "+ " + exception, ownU + "- " + exception});
+        lines.insert(lines.end(), {own + "+ " + exception, "qrvcam-xem 4|trace pause",
+                                   "qrvcam-xem 6|exception module=tovrix path=null: " + exception,
+                                   own + "- " + exception});
     }
-    android.insert(android.end(), ulog.begin(), ulog.end());
-    return android;
+    return lines;
 }
 
 class SystemCallTest : public ::testing::Test {
 protected:
-    SystemCallTest() { mSwitches.mode(0x3).details(3); }
+    SystemCallTest() { mSwitches.mode(0x1).details(3); }
+    // The mask is fixed at load; the tests set the exported variable meanwhile.
+    ~SystemCallTest() override { korvalite_enabled_tracebits = mOldBits; }
 
-    // Every record since the last call: Android ones as "<priority>|<text>" with a suffix's line
-    // number as N, then ULog ones as "U<level>|<text>", each led by "<tag> " unless its tag is the
-    // syscall one. Each line of the descriptor listing must
+    // Every record since the last call as "<priority>|<text>" with a suffix's line number as N,
+    // led by "<tag> " unless its tag is the syscall one. Each line of the descriptor listing must
     // name a descriptor and its target as /proc gives it, cut to the link's size, and reads
     // "... listing" here.
     std::vector<std::string> logged() {
         std::vector<std::string> records;
-        for (auto const& r : mLog.records()) {
+        for (auto const& r : mLog.records())
             records.push_back(other(r.tag) + std::to_string(r.priority) + "|" + listing(r.text));
-        }
-        for (auto const& r : mULog.records()) {
-            records.push_back("U" + other(r.tag) + std::to_string(r.level) + "|" + listing(r.text));
-        }
         mLog.clear();
-        mULog.clear();
         return records;
     }
     static std::string other(std::string const& tag) { return tag == kTag ? "" : tag + " "; }
@@ -240,9 +210,9 @@ protected:
 
     korvtest::ScopedSwitches mSwitches;
     korvtest::AndroidLogCapture mLog;
-    korvtest::ULogCapture mULog;
     korvtest::TraceCapture mTrace;
     korvtest::TempDir mDir;
+    uint64_t const mOldBits = korvalite_enabled_tracebits;
 };
 
 // Every file and event wrapper: its trace section under its own bit; on failure its result, its
@@ -253,9 +223,6 @@ TEST_F(SystemCallTest, FileAndEventCallsReportHookAndReturn) {
     std::string const p = mDir.path() + "/" + std::string(90, 'n');
     ASSERT_EQ(mkdir(p.c_str(), 0700), 0);
     std::string const m = std::string(" return -1: ") + kTooMany;
-    char buf[8];
-    char hex[32];
-    snprintf(hex, sizeof(hex), "(555, %p, ", static_cast<void*>(buf));
     DIR* const dir = opendir(p.c_str());
     itimerspec value = {};
     epoll_event event = {};
@@ -278,17 +245,17 @@ TEST_F(SystemCallTest, FileAndEventCallsReportHookAndReturn) {
                   "[Open] open(/dev/null)" + m},
                  {kInt, "qrvcam_fdsan_close_with_tag", 1, "Close",
                   [] { return System::Close(9, 0); }, "[Close] close(9)" + m},
-                 {kInt, "read", 1, "Read", [&] { return System::Read(kBadFd, buf, 8); },
-                  "[Read] read" + std::string(hex) + "8)" + m},
-                 {kInt, "write", 1, "Write", [&] { return System::Write(kBadFd, buf, 7); },
-                  "[Write] write" + std::string(hex) + "7)" + m},
+                 {kInt, "read", 1, "Read", [] { return System::Read(kBadFd, nullptr, 8); },
+                  "[Read] read(555, (nil), 8)" + m},
+                 {kInt, "write", 1, "Write", [] { return System::Write(kBadFd, nullptr, 7); },
+                  "[Write] write(555, (nil), 7)" + m},
                  {kNull, "opendir", 1, "OpenDir", [&] { return long(System::OpenDir(p.c_str())); },
                   "[OpenDir] opendir(" + p + ") return NULL: " + kTooMany},
                  {kNull, "readdir", 1, "ReadDir", [&] { return long(System::ReadDir(dir)); },
                   std::string("[ReadDir] readdir() return NULL: ") + kTooMany},
                  {kInt, "closedir", 1, "CloseDir", [&] { return System::CloseDir(dir); },
                   "[CloseDir] closedir()" + m},
-                 {kInt, "readlink", 1, "ReadLink", [&] { return System::ReadLink("l", buf, 8); },
+                 {kInt, "readlink", 1, "ReadLink", [] { return System::ReadLink("l", nullptr, 8); },
                   "[ReadLink] readlink(l)" + m},
                  {kFd, "eventfd", 1, "EventFD", [] { return System::EventFD(3, 0x80800, 0); },
                   "[EventFD] eventfd(3, 0x80800)" + m},
@@ -316,14 +283,14 @@ TEST_F(SystemCallTest, FileAndEventCallsReportHookAndReturn) {
                   [&] { return System::EPollWait(4, &event, 3, 9); },
                   "[EPollWait] epoll_wait(4, maxevents=3, timeout=9)" + m}}) {
         SCOPED_TRACE(c.name);
-        ScopedTracebits bits(c.bit);
+        korvalite_enabled_tracebits = c.bit;
         mTrace.clear();
         std::vector<std::string> lines = {c.line};
         if (c.kind == kOpenStat)
             lines.insert(lines.begin(), "[Stat] stat(" + p + "): Too many open files");
         auto const expected = failure(lines, true);
         {
-            Scripted script(c.call, -1, EMFILE);
+            Scripted script(c.call, c.kind == kNull ? 0 : -1, EMFILE);
             EXPECT_EQ(c.wrapper(), c.kind == kNull ? 0 : -EMFILE);
             EXPECT_EQ(errno, EMFILE);
         }
@@ -337,16 +304,11 @@ TEST_F(SystemCallTest, FileAndEventCallsReportHookAndReturn) {
             EXPECT_EQ(untag(0, 0), 0);
         }
     }
-    EXPECT_TRUE(logged().empty());
-
-    // Other errno values list nothing; a signal's EINTR is no failure of EPollWait at all.
-    Scripted closing("closedir", -1, EBADF);
-    EXPECT_EQ(System::CloseDir(dir), -EBADF);
+    // A signal's EINTR is no failure of EPollWait at all.
     closedir(dir);
     Scripted waking("epoll_wait", -1, EINTR);
     EXPECT_EQ(System::EPollWait(4, nullptr, 1, -1), -EINTR);
-    EXPECT_EQ(logged(),
-              failure({"[CloseDir] closedir() return -1: err=-9(Bad file descriptor)"}, false));
+    EXPECT_TRUE(logged().empty());
 }
 
 // What only real descriptors show: ownership refused to another tag, no close-on-exec added, the
@@ -362,8 +324,7 @@ TEST_F(SystemCallTest, RealDescriptors) {
     EXPECT_EQ(System::Open(file.c_str(), O_RDONLY, 0), -ENODEV);
     EXPECT_EQ(System::Open(mDir.path().c_str(), O_RDONLY, 0), -ENODEV);
     DIR* dir = System::OpenDir(mDir.path().c_str());
-    for (errno = 0; System::ReadDir(dir) != nullptr;) {
-    }
+    for (errno = 0; System::ReadDir(dir) != nullptr;) continue;
     EXPECT_EQ(System::CloseDir(dir), 0);
     auto records = logged();
     records.erase(records.begin());  // the sanitizer's own line on the refused close
@@ -390,7 +351,6 @@ TEST_F(SystemCallTest, DeviceCallsEndTheProcessWhenTheDriverRefuses) {
     struct Case {
         std::function<int()> call;
         unsigned long request;
-        void* arg;
         char const* section;  // empty: never traced
         uint64_t bit;
         std::string line;  // for EMFILE
@@ -400,35 +360,35 @@ TEST_F(SystemCallTest, DeviceCallsEndTheProcessWhenTheDriverRefuses) {
     std::string const t = "(Too many open files)";
     for (auto const& c : std::vector<Case>{
                  {[] { return System::AllocMediaRequest(kFd, tagOf(gRequest)); },
-                  MEDIA_IOC_REQUEST_ALLOC, nullptr, "MEDIA_IOC_REQUEST_ALLOC", 1ull << 5,
+                  MEDIA_IOC_REQUEST_ALLOC, "MEDIA_IOC_REQUEST_ALLOC", 1ull << 5,
                   "[AllocMediaRequest] ioctl(77, MEDIA_IOC_REQUEST_ALLOC) return -1: err=-24" + t,
                   "MEDIA_IOC_REQUEST_ALLOC", false},
-                 {[] { return System::ReinitMediaRequest(kFd); }, MEDIA_REQUEST_IOC_REINIT, nullptr,
-                  "", 0, "[ReinitMediaRequest] ioctl(77, MEDIA_REQUEST_IOC_REINIT): err=-24" + t,
+                 {[] { return System::ReinitMediaRequest(kFd); }, MEDIA_REQUEST_IOC_REINIT, "", 0,
+                  "[ReinitMediaRequest] ioctl(77, MEDIA_REQUEST_IOC_REINIT): err=-24" + t,
                   "MEDIA_REQUEST_IOC_REINIT", false},
-                 {[] { return System::QueueMediaRequest(kFd); }, MEDIA_REQUEST_IOC_QUEUE, nullptr,
+                 {[] { return System::QueueMediaRequest(kFd); }, MEDIA_REQUEST_IOC_QUEUE,
                   "MEDIA_REQUEST_IOC_QUEUE", 1ull << 8,
                   "[QueueMediaRequest] ioctl(77, MEDIA_REQUEST_IOC_QUEUE): err=-24" + t,
                   "MEDIA_REQUEST_IOC_QUEUE", true},
-                 {[] { return System::QueueVideoNodeBuf(kFd, &gBuffer); }, VIDIOC_QBUF, &gBuffer,
+                 {[] { return System::QueueVideoNodeBuf(kFd, &gBuffer); }, VIDIOC_QBUF,
                   "VIDIOC_QBUF", 1ull << 9, "[QueueVideoNodeBuf] ioctl(77, VIDIOC_QBUF): -24" + t,
                   "VIDIOC_QBUF", true},
-                 {[] { return System::DQueueVideoNodeBuf(kFd, &gBuffer); }, VIDIOC_DQBUF, &gBuffer,
+                 {[] { return System::DQueueVideoNodeBuf(kFd, &gBuffer); }, VIDIOC_DQBUF,
                   "VIDIOC_DQBUF", 1ull << 13,
                   "[DQueueVideoNodeBuf] ioctl(77, VIDIOC_DQBUF): -24" + t, "VIDIOC_DQBUF", true},
-                 {[] { return System::DQueueEvent(kFd, &gEvent); }, VIDIOC_DQEVENT, &gEvent,
+                 {[] { return System::DQueueEvent(kFd, &gEvent); }, VIDIOC_DQEVENT,
                   "VIDIOC_DQEVENT", 1ull << 32, "[DQueueEvent] ioctl(77, VIDIOC_DQEVENT): -24" + t,
                   "VIDIOC_DQEVENT", false},
                  {[] { return System::AddIova(kFd, int(0xC0104D01u), &gIovaArg); }, 0xC0104D01,
-                  &gIovaArg, "AddIova", 1ull << 2, "[AddIova] ioctl(77, 0xc0104d01): -24" + t,
+                  "AddIova", 1ull << 2, "[AddIova] ioctl(77, 0xc0104d01): -24" + t,
                   "QRVDIP_IOC_ADD_IOVA", false},
                  {[] { return System::DelIova(kFd, int(0xC0104D02u), &gIovaArg); }, 0xC0104D02,
-                  &gIovaArg, "DelIova", 1ull << 2, "[DelIova] ioctl(77, 0xc0104d02): -24" + t,
+                  "DelIova", 1ull << 2, "[DelIova] ioctl(77, 0xc0104d02): -24" + t,
                   "QRVDIP_IOC_DEL_IOVA", false}}) {
         SCOPED_TRACE(c.report);
         std::vector<std::string> section;
         if (*c.section != '\0') section = {std::string("B|") + c.section, "E"};
-        ScopedTracebits bits(c.bit);
+        korvalite_enabled_tracebits = c.bit;
         mTrace.clear();
         int preset = 0;
         {
@@ -440,7 +400,6 @@ TEST_F(SystemCallTest, DeviceCallsEndTheProcessWhenTheDriverRefuses) {
             EXPECT_EQ(c.call(), 0);  // the alloc's: the descriptor the driver wrote
             ASSERT_EQ(gScript.ioctls.size(), 1u);
             EXPECT_EQ(gScript.ioctls[0].first, c.request);  // zero-extended
-            EXPECT_TRUE(c.arg == nullptr || gScript.ioctls[0].second == c.arg);
             EXPECT_TRUE(gScript.signals.empty());
         }
         EXPECT_EQ(preset, c.request == MEDIA_IOC_REQUEST_ALLOC ? -1 : 0);
@@ -454,21 +413,20 @@ TEST_F(SystemCallTest, DeviceCallsEndTheProcessWhenTheDriverRefuses) {
         auto const expected = failure({c.line}, true, exceptionText(c.report, EMFILE));
         Scripted script("ioctl", -1, EMFILE);
         EXPECT_EQ(c.call(), -EMFILE);  // only because the raise double let it live
-        EXPECT_THAT(gScript.signals, ElementsAre(SIGTERM, SIGKILL));
-        EXPECT_THAT(gScript.pausesNs, ElementsAre(100000000));
+        EXPECT_EQ(gScript.signals, (std::vector<int>{SIGTERM, SIGKILL}));
+        EXPECT_EQ(gScript.pausesNs, std::vector<long>{100000000});
         EXPECT_EQ(logged(), expected);
     }
 
     // The raises repeat only while both fail.
-    int const T = SIGTERM;
-    int const K = SIGKILL;
-    for (auto const& [raises, signals] : std::vector<std::pair<std::deque<int>, std::vector<int>>>{
-                 {{-1, -1, -1, -1, 0, 0}, {T, K, T, K, T, K}},
-                 {{-1, 0}, {T, K}},
-                 {{0, -1}, {T, K}}}) {
+    for (auto const& [raises, rounds] : {std::pair{std::deque<int>{-1, -1, -1, -1, 0, 0}, 3},
+                                         {std::deque<int>{-1, 0}, 1},
+                                         {std::deque<int>{0, -1}, 1}}) {
         Scripted script("ioctl", -1, EIO);
         gScript.raises = raises;
         EXPECT_EQ(System::QueueMediaRequest(kFd), -EIO);
+        std::vector<int> signals;
+        for (int i = 0; i < rounds; ++i) signals.insert(signals.end(), {SIGTERM, SIGKILL});
         EXPECT_EQ(gScript.signals, signals);
     }
 }
@@ -476,7 +434,7 @@ TEST_F(SystemCallTest, DeviceCallsEndTheProcessWhenTheDriverRefuses) {
 // DQBUF's EAGAIN is quiet; Ioctl reports, with the errno hook, only with flag bit 0, and never ends
 // the process.
 TEST_F(SystemCallTest, QuietFailuresAndIoctl) {
-    ScopedTracebits bits(1ull << 2);
+    korvalite_enabled_tracebits = 1ull << 2;
     Scripted script("ioctl", -1, EAGAIN);
     EXPECT_EQ(System::DQueueVideoNodeBuf(kFd, &gBuffer), -EAGAIN);
     gScript.err = ENOTTY;
@@ -491,10 +449,12 @@ TEST_F(SystemCallTest, QuietFailuresAndIoctl) {
     gScript.result = 3;
     EXPECT_EQ(System::Ioctl(kFd, int(0xC0104D01u), nullptr, 1), 3);  // as the driver answers
     EXPECT_EQ(gScript.ioctls.back().first, 0xC0104D01ul);
+    gScript.result = 0;
+    EXPECT_EQ(System::Ioctl(kFd, 0x1234, nullptr, 1), 0);
     EXPECT_TRUE(gScript.signals.empty());
     EXPECT_EQ(logged(), failure({"[Ioctl] ioctl(77, 0x1234): -24(Too many open files)"}, true));
     std::vector<std::string> sections;
-    for (int i = 0; i < 4; ++i) sections.insert(sections.end(), {"B|Ioctl", "E"});
+    for (int i = 0; i < 5; ++i) sections.insert(sections.end(), {"B|Ioctl", "E"});
     EXPECT_EQ(mTrace.events(), sections);
 }
 
@@ -524,26 +484,22 @@ TEST(DeviceCallDeathTest, RefusalEndsTheProcessBySigtermOrElseBySigkill) {
 TEST(DeviceTimingChild, DISABLED_QueueCalls) {
     korvtest::ScopedSwitches switches;
     korvtest::AndroidLogCapture log;
-    korvtest::ULogCapture ulog;
     for (auto [details, ns] : {std::pair{4, 2000001}, {4, 2000000}, {2, 2000001}, {1, 2000001}}) {
-        switches.mode(0x3).details(details);
+        switches.mode(0x1).details(details);
         Scripted script("ioctl", 0, 0);
         gScript.elapsedNs = ns;
         EXPECT_EQ(System::QueueVideoNodeBuf(kFd, &gBuffer) + System::QueueMediaRequest(78), 0);
     }
     for (auto& r : log.withTag(kTag)) printf("@%d|%s\n", r.priority, r.text.c_str());
-    for (auto& r : ulog.records()) printf("@U%u|%s\n", r.level, r.text.c_str());
 }
 
 // Timing is decided by the details level (at least 4) and the camera log level (unset, or above
 // 2) that the library saw when it loaded; a call then warns above 2 ms from details level 2.
 TEST(DeviceTiming, SlowQueueCallsWarnOnlyWhenTimingWasOnAtLoad) {
-    std::string slow;
-    for (char const* route : {"@5|", "@5|", "@U2|", "@U2|"}) {
-        slow += std::string(route) +
-                "[QueueVideoNodeBuf] ioctl(77, VIDIOC_QBUF) takes 2000001 ns\n" + route +
-                "[QueueMediaRequest] ioctl(78, MEDIA_REQUEST_IOC_QUEUE) takes 2000001 ns\n";
-    }
+    std::string const pair =
+            "@5|[QueueVideoNodeBuf] ioctl(77, VIDIOC_QBUF) takes 2000001 ns\n"
+            "@5|[QueueMediaRequest] ioctl(78, MEDIA_REQUEST_IOC_QUEUE) takes "
+            "2000001 ns\n";
     for (auto const& [details, logLevel, timed] :
          {std::tuple{"4", "", true}, {"4", "3", true}, {"4", "2", false}, {"3", "", false}}) {
         auto child = korvtest::runSelfChild("DeviceTimingChild.DISABLED_QueueCalls",
@@ -552,10 +508,9 @@ TEST(DeviceTiming, SlowQueueCallsWarnOnlyWhenTimingWasOnAtLoad) {
         EXPECT_TRUE(child.exited && child.exitCode == 0) << child.out << child.err;
         std::string lines;
         for (size_t at = child.out.find('@'); at != std::string::npos;
-             at = child.out.find('@', at + 1)) {
+             at = child.out.find('@', at + 1))
             lines += child.out.substr(at, child.out.find('\n', at) + 1 - at);
-        }
-        EXPECT_EQ(lines, timed ? slow : "") << details << " " << logLevel;
+        EXPECT_EQ(lines, timed ? pair + pair : "") << details << " " << logLevel;
     }
 }
 

@@ -30,31 +30,28 @@ TEST(TraceMaskChild, DISABLED_Print) {
 // The info line goes to both routes: liblog's "<tag> I <date> <pid> <tid> <text>" and the default
 // ULog sink's "ULOG <module> <level> <tag>: <text>", both on the child's stderr.
 TEST(TraceMask, ReadOnceAtLoadAndAnnouncedAtInfoLevel) {
-    struct Case {
-        char const* value;  // null: unset
-        char const* details;
-        std::string mask;
-        bool traced;
-    };
-    for (auto const& c :
-         {Case{nullptr, "3", "0x10001131", true}, Case{"lots", "2", "0x10001131", true},
-          // Bits 32, 36 and 37 gate DQueueEvent and the observer traces.
-          Case{"0x3100000000", "3", "0x3100000000", false}, Case{"0", "2", "0", false}}) {
+    // The property's value (null: unset), the details level, the mask, whether bit 0 is on. Bits
+    // 32, 36 and 37 gate DQueueEvent and the observer traces.
+    for (auto const& [value, details, mask, traced] :
+         {std::tuple<char const*, std::string, std::string, bool>{nullptr, "3", "0x10001131", true},
+          {"lots", "2", "0x10001131", true},
+          {"0x3100000000", "3", "0x3100000000", false},
+          {"0", "2", "0", false}}) {
         std::map<std::string, std::string> properties = {
-                {"debug.qrvcam.ulog.detailslevel", c.details}, {"debug.qrvcam.ulog.mode", "3"}};
-        if (c.value != nullptr) properties["persist.vendor.camera.korvalite.tracebits"] = c.value;
+                {"debug.qrvcam.ulog.detailslevel", details}, {"debug.qrvcam.ulog.mode", "3"}};
+        if (value != nullptr) properties["persist.vendor.camera.korvalite.tracebits"] = value;
         auto child = korvtest::runSelfChild("TraceMaskChild.DISABLED_Print", properties);
         ASSERT_TRUE(child.exited && child.exitCode == 0) << child.out << child.err;
-        std::string const sections = c.traced ? "B|EventFD,E,B|Close,E," : "";
-        EXPECT_NE(child.out.find("mask=" + c.mask + " variable=" + c.mask +
-                                 " sections=" + sections + "\n"),
+        std::string const sections = traced ? "B|EventFD,E,B|Close,E," : "";
+        EXPECT_NE(child.out.find("mask=" + mask + " variable=" + mask + " sections=" + sections +
+                                 "\n"),
                   std::string::npos)
                 << child.out;
         std::string const text =
                 "[getEnabledTracebitsFromSysprop] "
                 "persist.vendor.camera.korvalite.tracebits=" +
-                c.mask + " default=0x10001131\n";
-        bool const shown = std::string(c.details) == "3";
+                mask + " default=0x10001131\n";
+        bool const shown = details == "3";
         size_t lines = 0;
         for (size_t at = child.err.find(text); at != std::string::npos;
              at = child.err.find(text, at + 1))

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 #include <korvalite/Korv_Xem.h>
-#include <wchar.h>
 
 #include <thread>
 
