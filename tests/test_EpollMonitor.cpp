@@ -3,7 +3,6 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <korvalite/EpollMonitor.h>
 #include <signal.h>
 #include <sys/eventfd.h>
 #include <sys/resource.h>
@@ -11,7 +10,6 @@
 #include <unistd.h>
 
 #include <climits>
-#include <sstream>
 #include <thread>
 
 #include "support/KorvTest.h"
@@ -37,10 +35,9 @@ std::shared_ptr<EpollMonitor> makeMonitor(char const* name = "abc", bool logv = 
 }
 
 std::string addr(void const* p) {
-    std::ostringstream os;
-    os.imbue(std::locale::classic());
-    os << p;
-    return os.str();
+    char text[32];
+    snprintf(text, sizeof text, "%p", p);
+    return text;
 }
 
 int epollFdOf(EpollMonitor const& monitor) {
@@ -105,12 +102,7 @@ TEST(EpollMonitor, LogLinesFollowVerboseSwitchAndDetailsLevel) {
         switches.mode(0x1).details(c.details).mask(0xffffffff);
         korvtest::AndroidLogCapture log;
         auto monitor = makeMonitor("steps", c.logv);
-        struct Line {
-            uint32_t level;
-            bool verbose;
-            std::string text;
-        };
-        std::vector<Line> lines;
+        std::vector<std::tuple<uint32_t, bool, std::string>> lines;  // level, verbose, text
         std::string const config = monitor->toString_config(), self = addr(monitor.get()),
                           observerSide = addr(static_cast<IEventObserver*>(monitor.get())),
                           wake = std::to_string(monitor->getEventFD());
@@ -172,8 +164,8 @@ TEST(EpollMonitor, LogLinesFollowVerboseSwitchAndDetailsLevel) {
                 {3, false, "[~EpollMonitor] " + config + " " + monitor->toString_runtime()});
         monitor.reset();
         std::vector<std::string> expected;
-        for (Line const& line : lines) {
-            if (line.level <= c.details && (c.logv || !line.verbose)) expected.push_back(line.text);
+        for (auto const& [level, verbose, text] : lines) {
+            if (level <= c.details && (c.logv || !verbose)) expected.push_back(text);
         }
         EXPECT_EQ(log.texts("korvalite-EpollMonitor"), expected) << c.logv << " " << c.details;
     }
@@ -321,41 +313,10 @@ TEST(EpollMonitorTrace, SectionsCountersAndSlices) {
 
 // readyToRun() applies the policy and priority of the properties only when the handler gave
 // neither and the thread is not one of the customer's; the platform's per-thread settings always.
+// Each call runs on a thread of its own, which keeps what it was given.
 TEST(EpollMonitor, ReadyToRunPolicy) {
     korvtest::AndroidLogCapture log;
-    auto monitor = makeMonitor("abc");
-    int const ownNice = getpriority(PRIO_PROCESS, static_cast<id_t>(gettid()));
-    {  // Here SCHED_OTHER at nice 6.
-        korvtest::ScopedProperty policy("persist.vendor.camera.korvalite.EpollMonitor.threadpolicy",
-                                        "0");
-        korvtest::ScopedProperty priority(
-                "persist.vendor.camera.korvalite.EpollMonitor.threadpriority", "6");
-        struct Case {
-            char const* uad;
-            IThreadLoop::ReadyToRun record;
-            int nice;
-        } const cases[] = {
-                {"0", {"", INT_MIN, INT_MIN}, 6},
-                {"0", {"named", SCHED_OTHER, INT_MIN}, ownNice},  // given: the handler's business
-                {"0", {"named", INT_MIN, 3}, ownNice},
-                {"0", {"x-P2DrvEP-y", INT_MIN, INT_MIN}, 6},
-                {"1", {"x-P2DrvEP-y", INT_MIN, INT_MIN}, ownNice},  // the customer's threads
-                {"1", {"", INT_MIN, INT_MIN}, 6},
-        };
-        for (Case const& c : cases) {
-            korvtest::ScopedProperty uad("debug.qrvcam.uad.enable", c.uad);
-            log.clear();
-            std::thread([&] {
-                EXPECT_EQ(monitor->readyToRun(c.record), 0);
-                EXPECT_EQ(sched_getscheduler(0), SCHED_OTHER);
-                EXPECT_EQ(getpriority(PRIO_PROCESS, static_cast<id_t>(gettid())), c.nice)
-                        << c.uad << " " << c.record.threadName;
-            }).join();
-            std::string name = c.record.threadName.empty() ? "P2DrvEP-abc" : c.record.threadName;
-            EXPECT_EQ(log.count("qrvcam-perfctrl", "customizeThreadReadyToRun(name=" + name + ","),
-                      1u);
-        }
-    }
+    auto monitor = makeMonitor();
     // Without properties: SCHED_RR at 1 (the platform says so where it is not granted).
     std::thread([&] {
         monitor->readyToRun(IThreadLoop::ReadyToRun{"", INT_MIN, INT_MIN});
@@ -364,6 +325,34 @@ TEST(EpollMonitor, ReadyToRunPolicy) {
         EXPECT_TRUE((sched_getscheduler(0) == SCHED_RR && param.sched_priority == 1) ||
                     log.count("qrvcam-utils", "setThreadPriority(policy=2, priority=1)") == 1);
     }).join();
+    // Here SCHED_OTHER at nice 6.
+    korvtest::ScopedProperty policy("persist.vendor.camera.korvalite.EpollMonitor.threadpolicy",
+                                    "0");
+    korvtest::ScopedProperty priority("persist.vendor.camera.korvalite.EpollMonitor.threadpriority",
+                                      "6");
+    int const ownNice = getpriority(PRIO_PROCESS, 0);  // of the calling thread
+    struct Case {
+        char const* uad;
+        IThreadLoop::ReadyToRun record;
+        int nice;
+    } const cases[] = {
+            {"0", {"", INT_MIN, INT_MIN}, 6},
+            {"0", {"named", SCHED_OTHER, INT_MIN}, ownNice},  // given: the handler's business
+            {"0", {"named", INT_MIN, 3}, ownNice},
+            {"0", {"x-P2DrvEP-y", INT_MIN, INT_MIN}, 6},
+            {"1", {"x-P2DrvEP-y", INT_MIN, INT_MIN}, ownNice},  // the customer's threads
+            {"1", {"", INT_MIN, INT_MIN}, 6},
+    };
+    for (Case const& c : cases) {
+        korvtest::ScopedProperty uad("debug.qrvcam.uad.enable", c.uad);
+        log.clear();
+        std::thread([&] {
+            EXPECT_EQ(monitor->readyToRun(c.record), 0);
+            EXPECT_EQ(getpriority(PRIO_PROCESS, 0), c.nice) << c.uad << " " << c.record.threadName;
+        }).join();
+        std::string name = c.record.threadName.empty() ? "P2DrvEP-abc" : c.record.threadName;
+        EXPECT_EQ(log.count("qrvcam-perfctrl", "customizeThreadReadyToRun(name=" + name + ","), 1u);
+    }
 }
 
 }  // namespace
