@@ -40,9 +40,10 @@ std::string addr(void const* p) {
     return text;
 }
 
-int epollFdOf(EpollMonitor const& monitor) {
-    std::string config = monitor.toString_config();
-    return std::stoi(config.substr(config.find(".mEpollFd=") + 10));
+// The suffix that error and fatal lines carry.
+std::string source(char const* function, int line) {
+    return std::string(" (") + function + "){#" + std::to_string(line) +
+           ":src/utils/sys/EpollMonitor}";
 }
 
 // One monitor through its registration history: descriptors 43 to 45 reproduce the documented
@@ -60,11 +61,6 @@ TEST(EpollMonitor, RegistrationTableTextsAndDescriptors) {
     korvtest::AndroidLogCapture log;
     korvtest::ScopedGroupingLocale grouping;
     auto monitor = makeMonitor();
-    int const wake = monitor->getEventFD();
-    EXPECT_EQ(monitor->toString_config(),
-              "{ P2DrvEP-abc .mEpollFd=" + std::to_string(epollFdOf(*monitor)) +
-                      " .mEventFd=" + std::to_string(wake) + " }");
-    EXPECT_TRUE((fcntl(wake, F_GETFL) & O_NONBLOCK) && (fcntl(wake, F_GETFD) & FD_CLOEXEC));
     monitor->attach(&a, EPOLLIN);
     monitor->detach(&a);
     monitor->attach(&b, EPOLLIN);
@@ -79,9 +75,9 @@ TEST(EpollMonitor, RegistrationTableTextsAndDescriptors) {
     close(43);
     monitor->detach(&a);
     EXPECT_EQ(log.texts("korvalite-EpollMonitor"),
-              std::vector<std::string>{"[operator()] EPOLL_CTL_DEL fd=43 err=-9(Bad file "
-                                       "descriptor) (operator()){#275:src/utils/sys/"
-                                       "EpollMonitor}"});
+              std::vector<std::string>{
+                      "[operator()] EPOLL_CTL_DEL fd=43 err=-9(Bad file descriptor)" +
+                      source("operator()", 275)});
     EXPECT_EQ(monitor->toString_runtime().rfind("{ #attach=4 #detach=3 .mActive=1 ", 0), 0u);
     close(44);
     close(45);
@@ -102,86 +98,63 @@ TEST(EpollMonitor, LogLinesFollowVerboseSwitchAndDetailsLevel) {
         switches.mode(0x1).details(c.details).mask(0xffffffff);
         korvtest::AndroidLogCapture log;
         auto monitor = makeMonitor("steps", c.logv);
-        std::vector<std::tuple<uint32_t, bool, std::string>> lines;  // level, verbose, text
-        std::string const config = monitor->toString_config(), self = addr(monitor.get()),
-                          observerSide = addr(static_cast<IEventObserver*>(monitor.get())),
+        std::vector<std::string> expected;
+        auto line = [&](uint32_t level, bool verbose, std::string const& text) {
+            if (level <= c.details && (c.logv || !verbose)) expected.push_back(text);
+        };
+        std::string const config = monitor->toString_config(),
+                          side = addr(static_cast<IEventObserver*>(monitor.get())),
                           wake = std::to_string(monitor->getEventFD());
-        lines.push_back({3, false,
-                         "[EpollMonitor] this(" + self + " " + observerSide + ") " + config + " " +
-                                 monitor->toString_runtime()});
+        auto state = [&] { return config + " " + monitor->toString_runtime(); };
+        line(3, false, "[EpollMonitor] this(" + addr(monitor.get()) + " " + side + ") " + state());
         auto first = std::make_unique<Observer>();
         Observer second;
-        std::string const fd = std::to_string(first->fd),
-                          at = "(" + fd + ", " + addr(first.get()) + ")",
+        std::string const fd = std::to_string(first->fd), observer = addr(first.get()),
+                          at = "(" + fd + ", " + observer + ")",
                           atSecond = "(" + std::to_string(second.fd) + ", " + addr(&second) + ")";
         monitor->attach(first.get(), EPOLLIN);
         monitor->modify(first.get(), EPOLLIN);
-        lines.push_back({3, true, "[attach] " + at});
-        lines.push_back({3, true, "[modify] " + at});
-        std::string const running = config + " " + monitor->toString_runtime(),
-                          observer = addr(first.get());
+        line(3, true, "[attach] " + at);
+        line(3, true, "[modify] " + at);
+        std::string const running = state();
         std::string stopped;
         first->hook = [&](IEventObserver::OnEvent const& event) {
-            EXPECT_EQ(event.events, uint32_t{EPOLLIN});
             static_cast<EpollMonitor*>(event.monitor)->requestExit();
-            stopped = config + " " + monitor->toString_runtime();
+            stopped = state();
             event.monitor->detach(first.get());
             event.monitor->attach(&second, EPOLLIN);
             first.reset();  // last: the hook goes with it
         };
         first->signal();
         EXPECT_FALSE(monitor->threadLoop());
-        lines.push_back({3, false, "[threadLoop] + " + running});
-        lines.push_back(
-                {3, true,
-                 "[handleEvents] + fd=" + fd + " events=0x1 observer=" + observer + " " + running});
-        lines.push_back({3, false, "[requestExit] + " + running});
-        lines.push_back({3, false, "[requestExit] - " + stopped});
-        lines.push_back({3, true, "[detach] " + at});
-        lines.push_back({3, true, "[attach] " + atSecond});
-        lines.push_back({3, true, "[handleEvents] - fd=" + fd + " events=0x1"});
-        lines.push_back({3, false, "[threadLoop] - " + config + " " + monitor->toString_runtime()});
+        line(3, false, "[threadLoop] + " + running);
+        line(3, true,
+             "[handleEvents] + fd=" + fd + " events=0x1 observer=" + observer + " " + running);
+        line(3, false, "[requestExit] + " + running);
+        line(3, false, "[requestExit] - " + stopped);
+        line(3, true, "[detach] " + at);
+        line(3, true, "[attach] " + atSecond);
+        line(3, true, "[handleEvents] - fd=" + fd + " events=0x1");
+        line(3, false, "[threadLoop] - " + state());
         monitor->detach(&second);
-        lines.push_back({3, true, "[detach] " + atSecond});
-        std::string const detached = config + " " + monitor->toString_runtime();
+        line(3, true, "[detach] " + atSecond);
+        line(3, true,
+             "[handleEvents] + fd=" + wake + " events=0x1 observer=" + side + " " + state());
         EXPECT_EQ(monitor->tryEpoll(-1), 1);  // the wake-up, left by the loop
-        lines.push_back({3, true,
-                         "[handleEvents] + fd=" + wake + " events=0x1 observer=" + observerSide +
-                                 " " + detached});
-        lines.push_back({3, false, "[isInterruptEvent] P2DrvEP-steps: 0x40"});
-        lines.push_back({3, true, "[handleEvents] - fd=" + wake + " events=0x1"});
+        line(3, false, "[isInterruptEvent] P2DrvEP-steps: 0x40");
+        line(3, true, "[handleEvents] - fd=" + wake + " events=0x1");
         EXPECT_FALSE(monitor->isInterruptEvent(EPOLLIN));
-        lines.push_back({2, false,
-                         "[isInterruptEvent] P2DrvEP-steps: read(" + wake + ") returns -11 != 8"});
+        line(2, false, "[isInterruptEvent] P2DrvEP-steps: read(" + wake + ") returns -11 != 8");
         uint64_t nearlyFull = UINT64_MAX - 64;  // 64 more does not fit
         ASSERT_EQ(write(monitor->getEventFD(), &nearlyFull, 8), 8);
         monitor->sendInterruptEvent();
-        lines.push_back({1, false,
-                         "[sendInterruptEvent] write(" + wake +
-                                 ") returns -11 != 8 "
-                                 "(sendInterruptEvent){#432:src/utils/sys/EpollMonitor}"});
-        lines.push_back(
-                {3, false, "[~EpollMonitor] " + config + " " + monitor->toString_runtime()});
+        line(1, false,
+             "[sendInterruptEvent] write(" + wake + ") returns -11 != 8" +
+                     source("sendInterruptEvent", 432));
+        line(3, false, "[~EpollMonitor] " + state());
         monitor.reset();
-        std::vector<std::string> expected;
-        for (auto const& [level, verbose, text] : lines) {
-            if (level <= c.details && (c.logv || !verbose)) expected.push_back(text);
-        }
         EXPECT_EQ(log.texts("korvalite-EpollMonitor"), expected) << c.logv << " " << c.details;
     }
-}
-
-// A wait that a signal interrupts reports -2, not -EINTR. The timer repeats in case it fires
-// before the wait begins.
-TEST(EpollMonitor, InterruptedWaitReportsMinusTwo) {
-    auto monitor = makeMonitor();
-    auto previous = signal(SIGALRM, [](int) {});  // epoll_wait is never restarted
-    itimerval every{{0, 20000}, {0, 20000}}, off{};
-    setitimer(ITIMER_REAL, &every, nullptr);
-    EXPECT_EQ(monitor->tryEpoll(-1), -2);
-    setitimer(ITIMER_REAL, &off, nullptr);
-    signal(SIGALRM, previous);
-    EXPECT_EQ(monitor->tryEpoll(0), 0);
 }
 
 // Fatal paths: the documented lines in order, the assertion last. The child is forked without
@@ -198,11 +171,6 @@ void expectAbort(std::function<void()> const& body, std::vector<std::string> con
     }
     // liblog prints the assertion's message once bare, then as a record: nothing after that.
     EXPECT_EQ(err.find('\n', err.find(lines.back(), at + 1)), err.size() - 1) << err;
-}
-
-std::string source(char const* function, int line) {
-    return std::string(" (") + function + "){#" + std::to_string(line) +
-           ":src/utils/sys/EpollMonitor}\n";
 }
 
 TEST(EpollMonitorDeath, Faults) {
@@ -228,7 +196,7 @@ TEST(EpollMonitorDeath, Faults) {
                 monitor->attach(&second, EPOLLIN);
             },
             {"attach(" + fd + ", " + addr(&second) + ") has existed\n",
-             "attachP2DrvEP-abc: logv:0 { P2DrvEP-abc .mEpollFd=",
+             "attachP2DrvEP-abc: logv:0 { P2DrvEP-abc .mEpollFd=", " .mEventFd=", " }\n",
              "attach    { #attach=2 #detach=0 .mActive=1 .mFdObserverMap={ attach=[ (" + fd + ", " +
                      addr(&first) + ") ] } }\n",
              "[attach] FATAL" + source("attach", 225)});
@@ -238,8 +206,7 @@ TEST(EpollMonitorDeath, Faults) {
              "detach    { #attach=0 #detach=0 .mActive=1 .mFdObserverMap={ detach=[ 555 ] } }\n",
              "[detach] FATAL" + source("detach", 283)});
     expectAbort([&] { makeMonitor()->modify(&first, EPOLLIN); },
-                {"modifyP2DrvEP-abc: logv:0 {",
-                 "modify    { #attach=0 #detach=0 .mActive=1 .mFdObserverMap={ } }\n",
+                {"modify    { #attach=0 #detach=0 .mActive=1 .mFdObserverMap={ } }\n",
                  "[modify] FATAL" + source("modify", 249)});
     first.hook = [](IEventObserver::OnEvent const&) { fprintf(stderr, "dispatched\n"); };
     expectAbort(
@@ -253,7 +220,8 @@ TEST(EpollMonitorDeath, Faults) {
     expectAbort(
             [] {  // a file that is no epoll instance, under the monitor's epoll descriptor
                 auto monitor = makeMonitor();
-                dup2(open("/dev/null", O_RDONLY), epollFdOf(*monitor));
+                std::string config = monitor->toString_config();
+                dup2(open("/dev/null", O_RDONLY), std::stoi(config.substr(config.find("Fd=") + 3)));
                 monitor->tryEpoll(0);
             },
             {"[tryEpoll] err=-22(Invalid argument)" + source("tryEpoll", 416)});
@@ -278,15 +246,14 @@ TEST(EpollMonitorTrace, SectionsCountersAndSlices) {
     int fd = -1, wake = -1;
     auto traced = [&](char const* bits) {
         korvtest::TempDir dir;
-        std::string marker = dir.path() + "/trace";
         korvtest::ChildResult child =
                 korvtest::runSelfChild("EpollMonitorTrace.DISABLED_Child",
                                        {{"persist.vendor.camera.korvalite.tracebits", bits},
                                         {"debug.atrace.tags.enableflags", "0x400"},
-                                        {"debug.atrace.marker_file", marker}});
+                                        {"debug.atrace.marker_file", dir.path() + "/trace"}});
         EXPECT_TRUE(child.exited && child.exitCode == 0) << child.err;
         sscanf(child.out.substr(child.out.find("fds ")).c_str(), "fds %d %d", &fd, &wake);
-        return korvtest::traceEvents(marker);
+        return korvtest::traceEvents(dir.path() + "/trace");
     };
     // detach answers to bit 14 alone, attach and modify to bit 10 alone.
     EXPECT_EQ(traced("0x4000"), (std::vector<std::string>{"B|P2DrvEP-abc::detachObserver",
@@ -311,20 +278,12 @@ TEST(EpollMonitorTrace, SectionsCountersAndSlices) {
     EXPECT_EQ(events, expected);
 }
 
-// readyToRun() applies the policy and priority of the properties only when the handler gave
-// neither and the thread is not one of the customer's; the platform's per-thread settings always.
-// Each call runs on a thread of its own, which keeps what it was given.
-TEST(EpollMonitor, ReadyToRunPolicy) {
+// The running side. readyToRun() applies the policy and priority of the properties only when the
+// handler gave neither and the thread is not one of the customer's; the platform's per-thread
+// settings always. Each call runs on a thread of its own, which keeps what it was given.
+TEST(EpollMonitor, ReadyToRunAndInterruptedWait) {
     korvtest::AndroidLogCapture log;
     auto monitor = makeMonitor();
-    // Without properties: SCHED_RR at 1 (the platform says so where it is not granted).
-    std::thread([&] {
-        monitor->readyToRun(IThreadLoop::ReadyToRun{"", INT_MIN, INT_MIN});
-        sched_param param{};
-        sched_getparam(0, &param);
-        EXPECT_TRUE((sched_getscheduler(0) == SCHED_RR && param.sched_priority == 1) ||
-                    log.count("qrvcam-utils", "setThreadPriority(policy=2, priority=1)") == 1);
-    }).join();
     // Here SCHED_OTHER at nice 6.
     korvtest::ScopedProperty policy("persist.vendor.camera.korvalite.EpollMonitor.threadpolicy",
                                     "0");
@@ -345,14 +304,22 @@ TEST(EpollMonitor, ReadyToRunPolicy) {
     };
     for (Case const& c : cases) {
         korvtest::ScopedProperty uad("debug.qrvcam.uad.enable", c.uad);
-        log.clear();
         std::thread([&] {
             EXPECT_EQ(monitor->readyToRun(c.record), 0);
             EXPECT_EQ(getpriority(PRIO_PROCESS, 0), c.nice) << c.uad << " " << c.record.threadName;
         }).join();
-        std::string name = c.record.threadName.empty() ? "P2DrvEP-abc" : c.record.threadName;
-        EXPECT_EQ(log.count("qrvcam-perfctrl", "customizeThreadReadyToRun(name=" + name + ","), 1u);
     }
+    // An empty name is the monitor's.
+    EXPECT_EQ(log.count("qrvcam-perfctrl", "customizeThreadReadyToRun(name=P2DrvEP-abc,"), 2u);
+
+    // A wait that a signal interrupts reports -2, not -EINTR. The timer repeats in case it fires
+    // before the wait begins; the handler stays, harmless.
+    signal(SIGALRM, [](int) {});  // epoll_wait is never restarted
+    itimerval every{{0, 20000}, {0, 20000}}, off{};
+    setitimer(ITIMER_REAL, &every, nullptr);
+    EXPECT_EQ(monitor->tryEpoll(-1), -2);
+    setitimer(ITIMER_REAL, &off, nullptr);
+    EXPECT_EQ(monitor->tryEpoll(0), 0);
 }
 
 }  // namespace
