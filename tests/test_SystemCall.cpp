@@ -226,6 +226,7 @@ TEST_F(SystemCallTest, FileAndEventCallsReportHookAndReturn) {
     DIR* const dir = opendir(p.c_str());
     itimerspec value = {};
     epoll_event event = {};
+    char link[8];
     struct stat st;
     enum Kind { kInt, kFd, kNull, kOpenStat };
     struct Case {
@@ -255,7 +256,7 @@ TEST_F(SystemCallTest, FileAndEventCallsReportHookAndReturn) {
                   std::string("[ReadDir] readdir() return NULL: ") + kTooMany},
                  {kInt, "closedir", 1, "CloseDir", [&] { return System::CloseDir(dir); },
                   "[CloseDir] closedir()" + m},
-                 {kInt, "readlink", 1, "ReadLink", [] { return System::ReadLink("l", nullptr, 8); },
+                 {kInt, "readlink", 1, "ReadLink", [&] { return System::ReadLink("l", link, 8); },
                   "[ReadLink] readlink(l)" + m},
                  {kFd, "eventfd", 1, "EventFD", [] { return System::EventFD(3, 0x80800, 0); },
                   "[EventFD] eventfd(3, 0x80800)" + m},
