@@ -38,14 +38,21 @@ describe() {
           --type-id-style hash --headers-dir "$here/../include/korvalite" --drop-private-types "$lib"
 }
 
-case $mode in
-symbols)
+# The exported symbols, or a failure naming those that are no part of the interface.
+interface() {
+    local current bad
     current=$(exported)
     bad=$(strays_of "$current")
     if [ -n "$bad" ]; then
-        printf 'exported but not part of the interface:\n%s\n' "$bad"
-        exit 1
+        printf 'exported but not part of the interface:\n%s\n' "$bad" >&2
+        return 1
     fi
+    printf '%s\n' "$current"
+}
+
+case $mode in
+symbols)
+    current=$(interface) || exit 1
     if ! difference=$(diff <(cat "$symbols") <(cat <<<"$current")); then
         echo "exported symbols differ from abi/libtovrix_cmt.symbols ('<' removed, '>' added):"
         grep -E '^[<>]' <<<"$difference"
@@ -72,12 +79,7 @@ types)
     echo "no ABI change against abi/libtovrix_cmt.abi"
     ;;
 update)
-    current=$(exported)
-    bad=$(strays_of "$current")
-    if [ -n "$bad" ]; then
-        printf 'refusing: exported but not part of the interface:\n%s\n' "$bad"
-        exit 1
-    fi
+    current=$(interface) || exit 1
     cat <<<"$current" >"$symbols"
     describe >"$abi"
     echo "wrote $symbols ($(wc -l <"$symbols") symbols) and $abi"
