@@ -2,9 +2,12 @@
 // module of their own (libkorv_bench_probe.so) exactly as the library builds its files: beside
 // the trace accessor's file, with hidden visibility, no semantic interposition and link-time
 // optimisation, so that each call site compiles as it does inside the library, and it reaches the
-// process's one trace mask through the GOT as the library does (LogProbe.map.txt). Out of line and
-// called through pointers so that the benchmark loop cannot hoist the switch tests out of the
-// loop.
+// process's one trace mask through the GOT as the library does (LogProbe.map.txt). Each probe runs
+// its call site `count` times in one loop, eight to a turn, so that the figure per call site leaves
+// out the call that reaches the probe and most of the loop's own counting. An empty barrier before
+// each section and another inside it tell the compiler that memory may have changed, so every
+// section loads the mask, the ready flag and the tags anew, in its opening and in its closing, as
+// a section of a function called afresh does.
 #define LOG_TAG "korvalite-bench"
 #define KORV_SOURCE_PATH "bench/LogProbe"
 
@@ -12,27 +15,51 @@
 
 #include "KorvLog.h"
 
+#include <utility>
+
 namespace korvbench {
 namespace {
 
 namespace korvlog = NSCam::NSKorvalite::korvlog;
 
-__attribute__((noinline)) void probeNothing(int value) {
+inline void barrier(int value) {
     asm volatile("" : : "r"(value) : "memory");
 }
 
-__attribute__((noinline)) void probeLogD(int value) {
-    KORV_LOGD("[%s] probe value=%d", "probeLogD", value);
+// `site` `count` times (a multiple of 8), eight to a turn of the loop, each after a barrier.
+template <class Site, int... J>
+__attribute__((always_inline)) inline void repeat(int count, Site site,
+                                                  std::integer_sequence<int, J...> = {}) {
+    if constexpr (sizeof...(J) == 0) {
+        repeat(count, site, std::make_integer_sequence<int, 8>{});
+    } else {
+        for (int i = 0; i < count; i += 8) ((barrier(i + J), site(i + J)), ...);
+    }
 }
 
-__attribute__((noinline)) void probeTraceCameraOff(int value) {
-    korvlog::ScopedTrace trace(korvlog::kTraceDispatch, "probeTraceCameraOff");
-    asm volatile("" : : "r"(value) : "memory");
+__attribute__((noinline)) void probeNothing(int count) {
+    repeat(count, [](int i) { barrier(i); });
 }
 
-__attribute__((noinline)) void probeTraceBitOff(int value) {
-    korvlog::ScopedTrace trace(korvlog::kTraceAttach, "probeTraceBitOff");
-    asm volatile("" : : "r"(value) : "memory");
+__attribute__((noinline)) void probeLogD(int count) {
+    repeat(count, [](int i) {
+        KORV_LOGD("[%s] probe value=%d", "probeLogD", i);
+        barrier(i);
+    });
+}
+
+__attribute__((noinline)) void probeTraceCameraOff(int count) {
+    repeat(count, [](int i) {
+        korvlog::ScopedTrace trace(korvlog::kTraceDispatch, "probeTraceCameraOff");
+        barrier(i);
+    });
+}
+
+__attribute__((noinline)) void probeTraceBitOff(int count) {
+    repeat(count, [](int i) {
+        korvlog::ScopedTrace trace(korvlog::kTraceAttach, "probeTraceBitOff");
+        barrier(i);
+    });
 }
 
 bool logDEnabled() {

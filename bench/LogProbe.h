@@ -4,15 +4,16 @@
 namespace korvbench {
 
 struct Probes {
-    // An empty out-of-line call: the floor the probes are compared with.
-    void (*nothing)(int value);
+    // Each runs its call site `count` times, with a compiler barrier after each.
+    // Only the barrier: the floor the probes are compared with.
+    void (*nothing)(int count);
     // A KORV_LOGD line (details level 4).
-    void (*logD)(int value);
+    void (*logD)(int count);
     // A trace section whose bit is in the default mask, while the camera trace tag is off: what
     // every wrapper pays on a device that is not tracing.
-    void (*traceCameraOff)(int value);
+    void (*traceCameraOff)(int count);
     // A trace section whose bit is not in the mask.
-    void (*traceBitOff)(int value);
+    void (*traceBitOff)(int count);
 
     // The state the probes ran in, to print beside their figures.
     bool (*logDEnabled)();

@@ -134,14 +134,15 @@ inline bool traceEnabled(uint64_t bit) {
 }
 
 // A trace section. The condition is tested at begin and again at end, not remembered: a bit that
-// changes meanwhile may leave a section unopened or unclosed, which is accepted.
+// changes meanwhile may leave a section unopened or unclosed, which is accepted. A device that is
+// not tracing is the common case: the calls are marked unlikely, to be laid out of the way.
 class ScopedTrace {
 public:
     ScopedTrace(uint64_t bit, char const* name) : mBit(bit) {
-        if (traceEnabled(bit)) atrace_begin_body(name);
+        if (__builtin_expect(traceEnabled(bit), false)) atrace_begin_body(name);
     }
     ~ScopedTrace() {
-        if (traceEnabled(mBit)) atrace_end_body();
+        if (__builtin_expect(traceEnabled(mBit), false)) atrace_end_body();
     }
     ScopedTrace(ScopedTrace const&) = delete;
     ScopedTrace& operator=(ScopedTrace const&) = delete;
