@@ -1,22 +1,13 @@
 // Reliability: the monitor and its handlers under concurrent load (nothing lost, nothing
-// deadlocked, no thread or descriptor left), and the documented outcome of faults: over-long log
-// lines, bad properties, a dump folder that fills up, then turns read-only.
+// deadlocked, no thread or descriptor left), and over-long log lines.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <korvalite/EpollMonitor.h>
-#include <korvalite/Korv_Dumpstate.h>
 #include <korvalite/SystemCall.h>
 #include <korvalite/Timer.h>
-#include <sys/mount.h>
-#include <sys/stat.h>
-#include <sys/time.h>
-#include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
-#include <set>
-#include <sstream>
 #include <thread>
 
 #include "support/KorvTest.h"
@@ -34,12 +25,6 @@ size_t threadCount() {
     return std::distance(fs::directory_iterator("/proc/self/task"), fs::directory_iterator());
 }
 
-std::set<std::string> filesIn(std::string const& folder) {
-    std::set<std::string> names;
-    for (auto const& entry : fs::directory_iterator(folder)) names.insert(entry.path().filename());
-    return names;
-}
-
 // A new monitor, running on a worker at normal priority (it would ask for SCHED_RR).
 std::pair<std::shared_ptr<EpollMonitor>, std::shared_ptr<ThreadLoopHandler>> start() {
     auto monitor = std::static_pointer_cast<EpollMonitor>(IEpollMonitor::make("reliability"));
@@ -49,13 +34,11 @@ std::pair<std::shared_ptr<EpollMonitor>, std::shared_ptr<ThreadLoopHandler>> sta
     return {monitor, handler};
 }
 
-
 // --- Faults ------------------------------------------------------------------------------------
 
 // The library's own lines pass a 1024-byte buffer on the ULog route: cut there, whole length.
 TEST(ReliabilityFaults, OverlongLogLinesAreCutInTheirBufferOnly) {
-    korvtest::ScopedSwitches switches;
-    switches.mode(0x2).details(3);
+    korvtest::ScopedSwitches switches(0x2, 3);
     korvtest::ULogCapture ulog;
     std::string const path = "/" + std::string(1500, 'a');
     EXPECT_EQ(System::Open(path.c_str(), O_RDONLY, 0), -ENAMETOOLONG);
@@ -67,93 +50,6 @@ TEST(ReliabilityFaults, OverlongLogLinesAreCutInTheirBufferOnly) {
         EXPECT_EQ(records[i].text, texts[i].substr(0, 1023));
         EXPECT_EQ(records[i].length, texts[i].size());
     }
-}
-
-constexpr int kFullDumpLines = 5000;  // more than the dump folder's file system holds
-
-void printManyLines(IPrinter* printer) {
-    for (int line = 0; line < kFullDumpLines; ++line) printer->printFormatLine("line %d", line);
-}
-
-// Run by the test below in a mount namespace of its own, with the properties it gives.
-TEST(ReliabilityChild, DISABLED_FullThenReadOnlyDumpFolder) {
-    char const* root = getenv("KORVTEST_MOUNT");
-    ASSERT_NE(root, nullptr);
-    if (mount("korvtest", root, "tmpfs", 0, "size=64k") != 0) {
-        printf("KORVTEST-SKIP mount: %s\n", strerror(errno));
-        return;
-    }
-    // The folder property is longer than a property value can be: its first 91 characters count.
-    std::string const folder = (std::string(root) + "/" + std::string(100, 'd')).substr(0, 91);
-    ASSERT_EQ(mkdir(folder.c_str(), 0770), 0);
-    for (int age = 0; age < 8; ++age) {  // a page each, "old0" the oldest
-        std::string const file = folder + "/old" + std::to_string(age);
-        std::ofstream(file) << std::string(4096, 'o');
-        timeval const times[2] = {{1000 + age, 0}, {1000 + age, 0}};
-        ASSERT_EQ(utimes(file.c_str(), times), 0);
-    }
-    korvtest::ScopedSwitches switches;
-    switches.mode(0x1).details(4);
-    korvtest::AndroidLogCapture log;
-    korv_dumpstate_set_dumpstate_callback(printManyLines);
-    std::string text;
-    std::vector<std::string> logged;
-    for (int line = 0; line < kFullDumpLines; ++line) {
-        logged.push_back("n line " + std::to_string(line));
-        text += logged.back() + "\n";
-    }
-
-    // Target 0 with an out-of-range target property: file, then log. The unparsable free-space
-    // settings leave 100 MiB and 75 %: the reservation deletes the 2 oldest of 8.
-    korv_dumpstate_params params{"full", "n", -1, 0, 0, {}};
-    korv_dumpstate(&params);
-    std::set<std::string> const files = filesIn(folder);
-    std::string const dumpFile = *files.begin();  // "korvalite_..." sorts before "old..."
-    EXPECT_EQ(dumpFile.rfind("korvalite_" + std::to_string(getpid()) + "_", 0), 0u);
-    EXPECT_EQ(std::set<std::string>(std::next(files.begin()), files.end()),
-              (std::set<std::string>{"old2", "old3", "old4", "old5", "old6", "old7"}));
-    std::ostringstream written;
-    written << std::ifstream(folder + "/" + dumpFile).rdbuf();
-    EXPECT_TRUE(written.tellp() > 0 && written.str().size() < text.size() &&
-                text.rfind(written.str(), 0) == 0)
-            << written.str().size() << " bytes, not a proper prefix of the dump";
-    EXPECT_GE(log.count("korvalite-Printer", "[printLine] -1 returned from fprintf"), 1u);
-    EXPECT_EQ(log.count("korvalite", "[korv_dumpstate_to_file] fflush after dumpstate"), 1u);
-    EXPECT_EQ(log.texts("full"), logged);
-
-    // Read-only: the reservation's deletion fails silently, no file can be made, and the log
-    // takes the dump instead (target 7: file, with the log as fallback).
-    ASSERT_EQ(mount(nullptr, root, nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
-    log.clear();
-    params.target = 7;
-    korv_dumpstate(&params);
-    EXPECT_EQ(filesIn(folder), files);
-    EXPECT_EQ(log.count("korvalite-File", "[openNewFile] Failed: fopen(" + folder + "/korvalite_"),
-              1u);
-    EXPECT_EQ(log.count("korvalite-File", "), err:30(Read-only file system)"), 1u);
-    EXPECT_EQ(log.texts("full"), logged);
-    korv_dumpstate_set_dumpstate_callback(nullptr);
-}
-
-TEST(ReliabilityFaults, DumpFolderThatFillsUpAndThenTurnsReadOnly) {
-    korvtest::TempDir mountPoint;
-    korvtest::PropertiesFile properties(
-            {{"persist.vendor.camera.korvalite.dumpfile.folder",
-              mountPoint.path() + "/" + std::string(100, 'd')},
-             {"persist.vendor.camera.korvalite.dumpfile.freespace", "1e3"},
-             {"persist.vendor.camera.korvalite.dumpfile.freepolicy", "50 percent"},
-             {"persist.vendor.camera.korvalite.dumpKorvaliteMgr", "4294967298"}});
-    auto child = korvtest::runChild(
-            {"/usr/bin/unshare", "-m", fs::read_symlink("/proc/self/exe"),
-             "--gtest_filter=ReliabilityChild.DISABLED_FullThenReadOnlyDumpFolder",
-             "--gtest_also_run_disabled_tests"},
-            {{"QRVCAM_PROPERTIES", properties.path()}, {"KORVTEST_MOUNT", mountPoint.path()}});
-    if (child.exitCode == 127 || child.err.find("unshare failed") != std::string::npos ||
-        child.out.find("KORVTEST-SKIP") != std::string::npos) {
-        GTEST_SKIP() << "no private mount namespace with a tmpfs here: " << child.out << child.err;
-    }
-    EXPECT_TRUE(child.exited && child.exitCode == 0) << child.out << child.err;
-    EXPECT_NE(child.out.find("[  PASSED  ] 1 test"), std::string::npos) << child.out;
 }
 
 // --- Stress ----------------------------------------------------------------------------------
