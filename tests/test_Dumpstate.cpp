@@ -71,7 +71,6 @@ protected:
         // must do so before the baseline is taken.
         std::thread([] {}).join();
         mThreads = threadCount();
-        mSwitches.mode(1).details(3);
         korv_dumpstate_set_dumpstate_callback(producer);
         gCalls = 0;
     }
@@ -85,7 +84,7 @@ protected:
         EXPECT_TRUE(takeDumpFiles().empty()) << "dump files left unchecked";
     }
 
-    korvtest::ScopedSwitches mSwitches;
+    korvtest::ScopedSwitches mSwitches{1, 3};
     korvtest::AndroidLogCapture mLog;
     long mThreads = 0;
 };
@@ -201,28 +200,6 @@ TEST_F(DumpstateTest, CallerWaitsNoLongerThanItsTimeout) {
     gGate = true;
     EXPECT_TRUE(korvtest::waitFor([&] { return mLog.texts("w") == Lines{"c state 0"}; },
                                   std::chrono::seconds(60)));
-}
-
-// Dumps from several threads at once, each to its own file and then to the log, through workers
-// of their own: every dump's line lands once in each, whole, under its own name.
-TEST_F(DumpstateTest, ConcurrentDumpsEachGetTheirOwnFile) {
-    korv_dumpstate_set_dumpstate_callback([](IPrinter* printer) { printer->printLine("state"); });
-    std::vector<std::thread> callers;
-    std::vector<Lines> expected;
-    Lines expectedLog;
-    for (int i = 0; i < 8; ++i) {
-        callers.emplace_back([i] { dump("c", std::to_string(i).c_str(), 60000, -1); });
-        expected.push_back({std::to_string(i) + " state"});
-        expectedLog.push_back(expected.back()[0]);
-    }
-    for (std::thread& caller : callers) caller.join();
-    std::vector<Lines> files = takeDumpFiles();
-    Lines log = mLog.texts("c");
-    std::sort(files.begin(), files.end());
-    std::sort(log.begin(), log.end());
-    EXPECT_EQ(files, expected);
-    EXPECT_EQ(log, expectedLog);
-    EXPECT_EQ(mLog.texts("korvalite"), Lines{});  // no caller gave up waiting
 }
 
 }  // namespace

@@ -56,8 +56,7 @@ TEST(EpollMonitor, RegistrationTableTextsAndDescriptors) {
         close(source);
     }
     FdOnly a(43), b(44), c(45), sameAsB(44);  // observers are known by descriptor alone
-    korvtest::ScopedSwitches switches;
-    switches.mode(0x1).details(2);
+    korvtest::ScopedSwitches switches(0x1, 2);
     korvtest::AndroidLogCapture log;
     korvtest::ScopedGroupingLocale grouping;
     auto monitor = makeMonitor();
@@ -94,8 +93,8 @@ TEST(EpollMonitor, LogLinesFollowVerboseSwitchAndDetailsLevel) {
         uint32_t details;
     } const cases[] = {{true, 3}, {false, 3}, {true, 2}, {true, 5}};
     for (Case const& c : cases) {
-        korvtest::ScopedSwitches switches;
-        switches.mode(0x1).details(c.details).mask(0xffffffff);
+        korvtest::ScopedSwitches switches(0x1, c.details);
+        switches.mask(0xffffffff);
         korvtest::AndroidLogCapture log;
         auto monitor = makeMonitor("steps", c.logv);
         std::vector<std::string> expected;
@@ -246,13 +245,13 @@ TEST(EpollMonitorTrace, SectionsCountersAndSlices) {
     int fd = -1, wake = -1;
     auto traced = [&](char const* bits) {
         korvtest::TempDir dir;
-        korvtest::ChildResult child =
+        std::string const out =
                 korvtest::runSelfChild("EpollMonitorTrace.DISABLED_Child",
                                        {{"persist.vendor.camera.korvalite.tracebits", bits},
                                         {"debug.atrace.tags.enableflags", "0x400"},
-                                        {"debug.atrace.marker_file", dir.path() + "/trace"}});
-        EXPECT_TRUE(child.exited && child.exitCode == 0) << child.err;
-        sscanf(child.out.substr(child.out.find("fds ")).c_str(), "fds %d %d", &fd, &wake);
+                                        {"debug.atrace.marker_file", dir.path() + "/trace"}})
+                        .out;
+        sscanf(out.substr(out.find("fds ")).c_str(), "fds %d %d", &fd, &wake);
         return korvtest::traceEvents(dir.path() + "/trace");
     };
     // detach answers to bit 14 alone, attach and modify to bit 10 alone.

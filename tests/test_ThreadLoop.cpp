@@ -75,8 +75,7 @@ private:
 // scheduling set before a run apply to that run. The exit handshake logs its debug lines.
 TEST(ThreadLoopHandler, RunsTheBodyAndHandshakesTheExit) {
     korvtest::TraceCapture trace;
-    korvtest::ScopedSwitches switches;
-    switches.mode(0x1).details(4);
+    korvtest::ScopedSwitches switches(0x1, 4);
     korvtest::AndroidLogCapture log;
     auto handler = ThreadLoopHandler::make();
     EXPECT_EQ(handler->requestExitAndWait(), 0);  // idle: at once, leaving the exit pending

@@ -65,7 +65,6 @@ protected:
         ASSERT_EQ(System::Ioctl(mVideo, static_cast<int>(VIDIOC_REQBUFS), &buffers, 1), 0);
         mRequest = System::AllocMediaRequest(mMedia, tagOf(mRequest));
         ASSERT_GE(mRequest, 0);
-        mSwitches.mode(0x3).details(3);  // the children's fatal lines reach their stderr
     }
 
     // Closing the video node, the queue's owner, stops streaming and frees its buffers.
@@ -89,7 +88,7 @@ protected:
     int mVideo = -1;
     int mMedia = -1;
     int mRequest = -1;
-    korvtest::ScopedSwitches mSwitches;
+    korvtest::ScopedSwitches mSwitches{0x3, 3};  // the children's fatal lines reach their stderr
 };
 
 // Buffers travel in requests: held by the request until it is queued; a queued request that has

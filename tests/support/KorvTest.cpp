@@ -3,6 +3,7 @@
 #include <android/log.h>
 #include <cutils/trace.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <qrvcam/Properties.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -13,11 +14,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <regex>
-#include <sstream>
 #include <thread>
 
 extern char** environ;
@@ -28,14 +27,6 @@ using NSCam::Utils::Properties::property_get;
 using NSCam::Utils::Properties::property_set;
 
 namespace {
-
-std::mutex gLogMutex;
-std::vector<LogRecord> gLogRecords;  // guarded by gLogMutex
-
-void captureLogger(__android_logger_data const* data, char const* message) {
-    std::lock_guard<std::mutex> lock(gLogMutex);
-    gLogRecords.push_back({data->priority, data->tag ? data->tag : "", message ? message : ""});
-}
 
 std::string getProperty(char const* key) {
     char value[PROPERTY_VALUE_MAX] = {};
@@ -53,50 +44,31 @@ std::string makeTempFile(std::string pattern) {
 
 }  // namespace
 
-// --- Android log -------------------------------------------------------------------------------
+// --- Android log and ULog ----------------------------------------------------------------------
+
+namespace {
+// The one living capture; a record being added holds the lock, so the capture outlives it.
+std::mutex gLogCaptureMutex;
+AndroidLogCapture* gLogCapture = nullptr;
+}  // namespace
 
 AndroidLogCapture::AndroidLogCapture() {
-    clear();
-    __android_log_set_logger(captureLogger);
+    std::lock_guard<std::mutex> lock(gLogCaptureMutex);
+    gLogCapture = this;
+    __android_log_set_logger([](__android_logger_data const* data, char const* message) {
+        std::lock_guard<std::mutex> lock(gLogCaptureMutex);
+        if (gLogCapture == nullptr) return;
+        gLogCapture->add({data->priority, data->tag ? data->tag : "", message ? message : ""});
+    });
     mOldMinimum = __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
 }
 
 AndroidLogCapture::~AndroidLogCapture() {
     __android_log_set_logger(__android_log_stderr_logger);
     __android_log_set_minimum_priority(mOldMinimum);
+    std::lock_guard<std::mutex> lock(gLogCaptureMutex);
+    gLogCapture = nullptr;
 }
-
-std::vector<LogRecord> AndroidLogCapture::records() const {
-    std::lock_guard<std::mutex> lock(gLogMutex);
-    return gLogRecords;
-}
-
-std::vector<LogRecord> AndroidLogCapture::withTag(std::string_view tag) const {
-    std::vector<LogRecord> result;
-    for (auto& record : records()) {
-        if (record.tag == tag) result.push_back(record);
-    }
-    return result;
-}
-
-std::vector<std::string> AndroidLogCapture::texts(std::string_view tag) const {
-    std::vector<std::string> result;
-    for (auto& record : withTag(tag)) result.push_back(record.text);
-    return result;
-}
-
-size_t AndroidLogCapture::count(std::string_view tag, std::string_view needle) const {
-    auto const all = texts(tag);
-    return std::count_if(all.begin(), all.end(),
-                         [&](std::string const& text) { return text.find(needle) != text.npos; });
-}
-
-void AndroidLogCapture::clear() {
-    std::lock_guard<std::mutex> lock(gLogMutex);
-    gLogRecords.clear();
-}
-
-// --- ULog --------------------------------------------------------------------------------------
 
 ULogCapture::ULogCapture() : mPrevious(__atomic_load_n(&ULogger::sULogger, __ATOMIC_ACQUIRE)) {
     __atomic_store_n(&ULogger::sULogger, static_cast<ULogger*>(this), __ATOMIC_RELEASE);
@@ -104,30 +76,6 @@ ULogCapture::ULogCapture() : mPrevious(__atomic_load_n(&ULogger::sULogger, __ATO
 
 ULogCapture::~ULogCapture() {
     __atomic_store_n(&ULogger::sULogger, mPrevious, __ATOMIC_RELEASE);
-}
-
-void ULogCapture::logRecord(uint32_t moduleId, char const* tag, uint32_t level, char const* text,
-                            uint32_t length) {
-    std::lock_guard<std::mutex> lock(mMutex);
-    mRecords.push_back({moduleId, tag ? tag : "", level, text ? text : "", length});
-}
-
-std::vector<ULogRecord> ULogCapture::records() const {
-    std::lock_guard<std::mutex> lock(mMutex);
-    return mRecords;
-}
-
-std::vector<std::string> ULogCapture::texts(std::string_view tag) const {
-    std::vector<std::string> result;
-    for (auto& record : records()) {
-        if (record.tag == tag) result.push_back(record.text);
-    }
-    return result;
-}
-
-void ULogCapture::clear() {
-    std::lock_guard<std::mutex> lock(mMutex);
-    mRecords.clear();
 }
 
 ScopedSwitches::ScopedSwitches()
@@ -200,16 +148,6 @@ ScopedProperty::~ScopedProperty() {
     property_set(mKey.c_str(), mOld.c_str());
 }
 
-PropertiesFile::PropertiesFile(std::map<std::string, std::string> const& values)
-    : mPath(makeTempFile("/tmp/korvtest-props-XXXXXX")) {
-    std::ofstream out(mPath);
-    for (auto& [key, value] : values) out << key << '=' << value << '\n';
-}
-
-PropertiesFile::~PropertiesFile() {
-    unlink(mPath.c_str());
-}
-
 // --- Child processes ---------------------------------------------------------------------------
 
 namespace {
@@ -271,39 +209,31 @@ ChildResult runInChild(std::function<void()> const& body, std::chrono::milliseco
     return result;
 }
 
-ChildResult runChild(std::vector<std::string> const& argv,
-                     std::vector<std::pair<std::string, std::string>> const& env,
-                     std::chrono::milliseconds timeout) {
-    // Everything the child needs is built before fork(): the child only calls async-signal-safe
-    // functions.
-    std::vector<std::string> environment;
-    for (auto& [key, value] : env) environment.push_back(key + "=" + value);
-    for (char** e = environ; *e != nullptr; ++e) environment.push_back(*e);  // after: getenv()
-    std::vector<char*> envp;
-    for (auto& entry : environment) envp.push_back(entry.data());
-    envp.push_back(nullptr);
-    std::vector<char*> argp;
-    for (auto& arg : argv) argp.push_back(const_cast<char*>(arg.c_str()));
-    argp.push_back(nullptr);
-
-    return runInChild(
-            [&] {
-                execve(argp[0], argp.data(), envp.data());
-                _exit(127);
-            },
-            timeout);
-}
-
 ChildResult runSelfChild(std::string const& testName,
-                         std::map<std::string, std::string> const& properties,
-                         std::vector<std::pair<std::string, std::string>> const& env,
-                         std::chrono::milliseconds timeout) {
-    // The child always gets a properties file of its own, so that it never sees the parent's.
-    PropertiesFile file(properties);
-    auto environment = env;
-    environment.emplace_back("QRVCAM_PROPERTIES", file.path());
-    return runChild({selfPath(), "--gtest_filter=" + testName, "--gtest_also_run_disabled_tests"},
-                    environment, timeout);
+                         std::map<std::string, std::string> const& properties) {
+    std::string const file = makeTempFile("/tmp/korvtest-props-XXXXXX");
+    {
+        std::ofstream out(file);
+        for (auto& [key, value] : properties) out << key << '=' << value << '\n';
+    }
+    // Everything the child needs is built before fork(): the child only calls async-signal-safe
+    // functions. The properties variable comes first, as getenv() takes the first.
+    std::vector<std::string> args = {selfPath(), "--gtest_filter=" + testName,
+                                     "--gtest_also_run_disabled_tests"};
+    std::vector<std::string> environment = {"QRVCAM_PROPERTIES=" + file};
+    for (char** e = environ; *e != nullptr; ++e) environment.push_back(*e);
+    std::vector<char*> argp, envp;
+    for (auto& arg : args) argp.push_back(arg.data());
+    for (auto& entry : environment) envp.push_back(entry.data());
+    argp.push_back(nullptr);
+    envp.push_back(nullptr);
+    ChildResult child = runInChild([&] {
+        execve(argp[0], argp.data(), envp.data());
+        _exit(127);
+    });
+    unlink(file.c_str());
+    EXPECT_TRUE(child.exited && child.exitCode == 0) << testName << "\n" << child.out << child.err;
+    return child;
 }
 
 // --- Descriptors and waiting -------------------------------------------------------------------

@@ -4,8 +4,8 @@
 // - ULogCapture: every ULog sink record.
 // - ScopedSwitches: sets the ULog switches and restores them.
 // - TraceCapture / traceEvents: trace events written to a (temporary) marker file.
-// - ScopedProperty / PropertiesFile: properties in this process / for a child process.
-// - runChild / runSelfChild: a child process that must end in a given way.
+// - ScopedProperty: a property in this process.
+// - runSelfChild / runInChild: a child process that must end in a given way.
 // - openFds: the descriptors this process has open.
 //
 // Each helper restores what it changed when it goes out of scope. Captures are process-wide: use
@@ -41,35 +41,13 @@ struct NoCopy {
     NoCopy& operator=(NoCopy const&) = delete;
 };
 
-// --- Android log -----------------------------------------------------------------------------
+// --- Android log and ULog --------------------------------------------------------------------
 
 struct LogRecord {
     int priority;
     std::string tag;
     std::string text;
 };
-
-// Captures every liblog record of this process (minimum priority lowered to verbose while it
-// lives). Restores liblog's stderr logger and the previous minimum priority afterwards.
-class AndroidLogCapture : NoCopy {
-public:
-    AndroidLogCapture();
-    ~AndroidLogCapture();
-
-    std::vector<LogRecord> records() const;
-    // Records with this tag.
-    std::vector<LogRecord> withTag(std::string_view tag) const;
-    // Texts of the records with this tag, in order.
-    std::vector<std::string> texts(std::string_view tag) const;
-    // Number of records whose tag equals `tag` and whose text contains `needle`.
-    size_t count(std::string_view tag, std::string_view needle) const;
-    void clear();
-
-private:
-    int mOldMinimum;
-};
-
-// --- ULog ------------------------------------------------------------------------------------
 
 struct ULogRecord {
     uint32_t module;
@@ -79,24 +57,74 @@ struct ULogRecord {
     uint32_t length;   // the length argument as received
 };
 
-// A ULog sink that records; installed as ULogger::sULogger while it lives. Any thread.
-class ULogCapture : public ULogger {
+// The records one route received, in order. Any thread.
+template <class Record>
+class Records {
 public:
-    ULogCapture();
-    ~ULogCapture() override;
+    std::vector<Record> records() const {
+        std::lock_guard<std::mutex> lock(mMutex);
+        return mRecords;
+    }
+    // Records with this tag.
+    std::vector<Record> withTag(std::string_view tag) const {
+        std::vector<Record> result;
+        for (auto& record : records()) {
+            if (record.tag == tag) result.push_back(record);
+        }
+        return result;
+    }
+    // Texts of the records with this tag, in order.
+    std::vector<std::string> texts(std::string_view tag) const {
+        std::vector<std::string> result;
+        for (auto& record : withTag(tag)) result.push_back(record.text);
+        return result;
+    }
+    // Number of records whose tag equals `tag` and whose text contains `needle`.
+    size_t count(std::string_view tag, std::string_view needle) const {
+        size_t n = 0;
+        for (auto& text : texts(tag)) n += text.find(needle) != std::string::npos;
+        return n;
+    }
+    void clear() {
+        std::lock_guard<std::mutex> lock(mMutex);
+        mRecords.clear();
+    }
 
-    void logRecord(uint32_t moduleId, char const* tag, uint32_t level, char const* text,
-                   uint32_t length) override;
-    // The pre-assertion call: nothing to flush in memory.
-    void flush(int) override {}
-
-    std::vector<ULogRecord> records() const;
-    std::vector<std::string> texts(std::string_view tag) const;
-    void clear();
+protected:
+    void add(Record record) {
+        std::lock_guard<std::mutex> lock(mMutex);
+        mRecords.push_back(std::move(record));
+    }
 
 private:
     mutable std::mutex mMutex;
-    std::vector<ULogRecord> mRecords;
+    std::vector<Record> mRecords;
+};
+
+// Captures every liblog record of this process (minimum priority lowered to verbose while it
+// lives). Restores liblog's stderr logger and the previous minimum priority afterwards.
+class AndroidLogCapture : public Records<LogRecord>, NoCopy {
+public:
+    AndroidLogCapture();
+    ~AndroidLogCapture();
+
+private:
+    int mOldMinimum;
+};
+
+// A ULog sink that records; installed as ULogger::sULogger while it lives.
+class ULogCapture : public ULogger, public Records<ULogRecord> {
+public:
+    ULogCapture();
+    ~ULogCapture() override;
+    void logRecord(uint32_t moduleId, char const* tag, uint32_t level, char const* text,
+                   uint32_t length) override {
+        add({moduleId, tag ? tag : "", level, text ? text : "", length});
+    }
+    // The pre-assertion call: nothing to flush in memory.
+    void flush(int) override {}
+
+private:
     ULogger* mPrevious;
 };
 
@@ -105,6 +133,9 @@ private:
 class ScopedSwitches {
 public:
     ScopedSwitches();
+    ScopedSwitches(uint32_t modeValue, uint32_t detailsValue) : ScopedSwitches() {
+        mode(modeValue).details(detailsValue);
+    }
     ~ScopedSwitches();
     ScopedSwitches& mode(uint32_t value) { return set(ULogger::sMode, value); }
     ScopedSwitches& details(uint32_t value) { return set(ULogger::sDetailsLevel, value); }
@@ -156,17 +187,6 @@ private:
     std::string mOld;
 };
 
-// A temporary properties file for a child process (QRVCAM_PROPERTIES); removed when destroyed.
-class PropertiesFile {
-public:
-    explicit PropertiesFile(std::map<std::string, std::string> const& values);
-    ~PropertiesFile();
-    std::string const& path() const { return mPath; }
-
-private:
-    std::string mPath;
-};
-
 // --- Child processes -------------------------------------------------------------------------
 
 struct ChildResult {
@@ -178,19 +198,12 @@ struct ChildResult {
     std::string err;        // its standard error
 };
 
-// Runs `argv` with `env` added to this process's environment, collects its output, and waits at
-// most `timeout` (then kills it with SIGKILL and reports timedOut).
-ChildResult runChild(std::vector<std::string> const& argv,
-                     std::vector<std::pair<std::string, std::string>> const& env = {},
-                     std::chrono::milliseconds timeout = std::chrono::seconds(60));
-
 // Runs this test executable again with only the (normally disabled) test `testName`
-// ("Suite.DISABLED_Name"), with QRVCAM_PROPERTIES pointing at a file of `properties`. This is how
-// load-time behaviour is checked: the child loads the library with those properties.
+// ("Suite.DISABLED_Name"), with QRVCAM_PROPERTIES naming a file of `properties` only, and expects
+// it to pass. This is how load-time behaviour is checked: the child loads the library with those
+// properties.
 ChildResult runSelfChild(std::string const& testName,
-                         std::map<std::string, std::string> const& properties = {},
-                         std::vector<std::pair<std::string, std::string>> const& env = {},
-                         std::chrono::milliseconds timeout = std::chrono::seconds(60));
+                         std::map<std::string, std::string> const& properties = {});
 
 // Runs `body` in a forked child (no exec) and reports how the child ended; its standard output
 // and error are captured. For code that must end the process in a particular way.
