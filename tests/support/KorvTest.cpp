@@ -34,14 +34,6 @@ std::string getProperty(char const* key) {
     return value;
 }
 
-// Creates an empty file from a mkstemp() pattern; returns its path.
-std::string makeTempFile(std::string pattern) {
-    int fd = mkstemp(pattern.data());
-    if (fd < 0) abort();
-    ::close(fd);
-    return pattern;
-}
-
 }  // namespace
 
 // --- Android log and ULog ----------------------------------------------------------------------
@@ -96,25 +88,14 @@ ScopedSwitches& ScopedSwitches::set(uint32_t& target, uint32_t value) {
 
 // --- Trace -------------------------------------------------------------------------------------
 
-namespace {
-constexpr char kMarkerFileProperty[] = "debug.atrace.marker_file";
-constexpr char kTagsProperty[] = "debug.atrace.tags.enableflags";
-}  // namespace
-
 TraceCapture::TraceCapture(uint64_t tags)
-    : mPath(makeTempFile("/tmp/korvtest-trace-XXXXXX")),
-      mOldFile(getProperty(kMarkerFileProperty)),
-      mOldTags(getProperty(kTagsProperty)) {
-    property_set(kMarkerFileProperty, mPath.c_str());
-    property_set(kTagsProperty, std::to_string(tags).c_str());
+    : mMarkerFile("debug.atrace.marker_file", mFile.path()),
+      mTags("debug.atrace.tags.enableflags", std::to_string(tags)) {
     atrace_update_tags();
 }
 
-TraceCapture::~TraceCapture() {
-    property_set(kMarkerFileProperty, mOldFile.c_str());
-    property_set(kTagsProperty, mOldTags.c_str());
+TraceCapture::Reread::~Reread() {
     atrace_update_tags();
-    unlink(mPath.c_str());
 }
 
 std::vector<std::string> traceEvents(std::string const& path) {
@@ -134,10 +115,10 @@ std::vector<std::string> traceEvents(std::string const& path) {
 }
 
 void TraceCapture::clear() {
-    if (truncate(mPath.c_str(), 0) != 0) abort();
+    if (truncate(path().c_str(), 0) != 0) abort();
 }
 
-// --- Properties --------------------------------------------------------------------------------
+// --- Properties and files ----------------------------------------------------------------------
 
 ScopedProperty::ScopedProperty(std::string key, std::string const& value)
     : mKey(std::move(key)), mOld(getProperty(mKey.c_str())) {
@@ -146,6 +127,16 @@ ScopedProperty::ScopedProperty(std::string key, std::string const& value)
 
 ScopedProperty::~ScopedProperty() {
     property_set(mKey.c_str(), mOld.c_str());
+}
+
+TempFile::TempFile(std::string pattern) : mPath(std::move(pattern)) {
+    int fd = mkstemp(mPath.data());
+    if (fd < 0) abort();
+    ::close(fd);
+}
+
+TempFile::~TempFile() {
+    unlink(mPath.c_str());
 }
 
 // --- Child processes ---------------------------------------------------------------------------
@@ -211,16 +202,16 @@ ChildResult runInChild(std::function<void()> const& body, std::chrono::milliseco
 
 ChildResult runSelfChild(std::string const& testName,
                          std::map<std::string, std::string> const& properties) {
-    std::string const file = makeTempFile("/tmp/korvtest-props-XXXXXX");
+    TempFile const file("/tmp/korvtest-props-XXXXXX");
     {
-        std::ofstream out(file);
+        std::ofstream out(file.path());
         for (auto& [key, value] : properties) out << key << '=' << value << '\n';
     }
     // Everything the child needs is built before fork(): the child only calls async-signal-safe
     // functions. The properties variable comes first, as getenv() takes the first.
     std::vector<std::string> args = {selfPath(), "--gtest_filter=" + testName,
                                      "--gtest_also_run_disabled_tests"};
-    std::vector<std::string> environment = {"QRVCAM_PROPERTIES=" + file};
+    std::vector<std::string> environment = {"QRVCAM_PROPERTIES=" + file.path()};
     for (char** e = environ; *e != nullptr; ++e) environment.push_back(*e);
     std::vector<char*> argp, envp;
     for (auto& arg : args) argp.push_back(arg.data());
@@ -231,7 +222,6 @@ ChildResult runSelfChild(std::string const& testName,
         execve(argp[0], argp.data(), envp.data());
         _exit(127);
     });
-    unlink(file.c_str());
     EXPECT_TRUE(child.exited && child.exitCode == 0) << testName << "\n" << child.out << child.err;
     return child;
 }

@@ -4,7 +4,7 @@
 // - ULogCapture: every ULog sink record.
 // - ScopedSwitches: sets the ULog switches and restores them.
 // - TraceCapture / traceEvents: trace events written to a (temporary) marker file.
-// - ScopedProperty: a property in this process.
+// - ScopedProperty / TempFile: a property in this process; a temporary file.
 // - runSelfChild / runInChild: a child process that must end in a given way.
 // - openFds: the descriptors this process has open.
 //
@@ -148,6 +148,30 @@ private:
     uint32_t mMask;
 };
 
+// --- Properties and files ------------------------------------------------------------------------------
+
+// Sets a property in this process and restores its former in-process value (empty: unset).
+class ScopedProperty : NoCopy {
+public:
+    ScopedProperty(std::string key, std::string const& value);
+    ~ScopedProperty();
+
+private:
+    std::string mKey;
+    std::string mOld;
+};
+
+// A temporary file, empty when made (`pattern` as for mkstemp()), removed when destroyed.
+class TempFile : NoCopy {
+public:
+    explicit TempFile(std::string pattern);
+    ~TempFile();
+    std::string const& path() const { return mPath; }
+
+private:
+    std::string mPath;
+};
+
 // --- Trace -----------------------------------------------------------------------------------
 
 // The events of a systrace text trace that the trace writer wrote to a marker file: the marker
@@ -160,31 +184,21 @@ std::vector<std::string> traceEvents(std::string const& path);
 class TraceCapture : NoCopy {
 public:
     explicit TraceCapture(uint64_t tags = UINT64_C(1) << 10);
-    ~TraceCapture();
 
     // traceEvents() of everything written so far.
-    std::vector<std::string> events() const { return traceEvents(mPath); }
+    std::vector<std::string> events() const { return traceEvents(path()); }
     // Empties the file.
     void clear();
-    std::string const& path() const { return mPath; }
+    std::string const& path() const { return mFile.path(); }
 
 private:
-    std::string mPath;
-    std::string mOldFile;
-    std::string mOldTags;
-};
-
-// --- Properties ------------------------------------------------------------------------------
-
-// Sets a property in this process and restores its former in-process value (empty: unset).
-class ScopedProperty : NoCopy {
-public:
-    ScopedProperty(std::string key, std::string const& value);
-    ~ScopedProperty();
-
-private:
-    std::string mKey;
-    std::string mOld;
+    // Undone in reverse: the properties restored, then re-read, then the file removed.
+    TempFile mFile{"/tmp/korvtest-trace-XXXXXX"};
+    struct Reread {
+        ~Reread();
+    } mReread;
+    ScopedProperty mMarkerFile;
+    ScopedProperty mTags;
 };
 
 // --- Child processes -------------------------------------------------------------------------
