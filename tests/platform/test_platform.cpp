@@ -1,11 +1,9 @@
-// The host platform: properties and the systrace text trace of a marker file. (Descriptor
-// ownership and the log routes are exercised through the library's own tests.)
-#include <android/log.h>
+// The host platform's systrace text trace of a marker file. (Properties, descriptor ownership and
+// the log routes are exercised through the library's own tests.)
 #include <cutils/trace.h>
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
-#include <qrvcam/Properties.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -18,45 +16,7 @@
 
 namespace {
 
-using namespace NSCam::Utils::Properties;
-using korvtest::ScopedProperty;
 using Texts = std::vector<std::string>;
-
-// --- Properties --------------------------------------------------------------------------------
-
-// A set value over the default, cut to the buffer; an empty value reads as unset. Typed reads
-// parse as Android's do (bool: 1/y/yes/on/true, 0/n/no/off/false; integers: decimal, 0x
-// hexadecimal, a sign, in range) and give the default otherwise.
-TEST(PlatformProperties, SetValuesOverDefaultsAndTypedParsing) {
-    char buffer[PROPERTY_VALUE_MAX];
-    EXPECT_EQ(8, property_get("korvtest.props.value", buffer, "fallback"));
-    {
-        ScopedProperty property("korvtest.props.value", std::string(200, 'v'));
-        EXPECT_EQ(PROPERTY_VALUE_MAX - 1, property_get("korvtest.props.value", buffer, ""));
-        EXPECT_EQ(std::string(PROPERTY_VALUE_MAX - 1, 'v'), buffer);
-    }
-    property_get("korvtest.props.value", buffer, "fallback");
-    EXPECT_STREQ("fallback", buffer);  // restored to empty, which reads as unset
-    std::pair<char const*, int> const bools[] = {
-            {"1", 1},     {"y", 1},     {"yes", 1},   {"on", 1},  {"true", 1},
-            {"0", 0},     {"n", 0},     {"no", 0},    {"off", 0}, {"false", 0},
-            {"TRUE", -7}, {"offf", -7}, {" yes", -7}, {"", -7}};
-    for (auto const& [text, value] : bools) {
-        ScopedProperty property("korvtest.props.typed", text);
-        EXPECT_EQ(value, property_get_bool("korvtest.props.typed", -7)) << '"' << text << '"';
-    }
-    // The 32-bit read also refuses what does not fit.
-    std::pair<char const*, int64_t> const integers[] = {
-            {"-0x10", -16}, {"+7", 7},   {"010", 10}, {"0x80000000", 0x80000000},
-            {"0x", -7},     {"12a", -7}, {" 1", -7},  {"9223372036854775808", -7}};
-    for (auto const& [text, value] : integers) {
-        ScopedProperty property("korvtest.props.typed", text);
-        EXPECT_EQ(value, property_get_int64("korvtest.props.typed", -7)) << '"' << text << '"';
-        EXPECT_EQ(value == 0x80000000 ? -7 : value, property_get_int32("korvtest.props.typed", -7));
-    }
-}
-
-// --- Trace -------------------------------------------------------------------------------------
 
 int64_t monotonicUs() {
     timespec now = {};
