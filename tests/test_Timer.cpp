@@ -1,5 +1,5 @@
-// Timer: driven by hand (onEvent called directly, the timerfd inspected with timerfd_gettime and
-// poll), then once on a running event monitor.
+// Timer: first driven by hand (onEvent called directly, the timerfd inspected with
+// timerfd_gettime and poll), then end to end on a running event monitor.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -168,35 +168,73 @@ TEST(TimerDeathTest, BadDescriptorEmptyCallbackAndNoOwner) {
 
 // --- End to end on a running monitor ---------------------------------------------------------
 
+class TimerOnMonitor : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_EQ(mHandler->run(mMonitor), 0); }
+    void TearDown() override { mHandler->requestExitAndWait(); }
+
+    // Verbose: its dispatch lines show once the details level allows them.
+    static std::shared_ptr<EpollMonitor> verboseMonitor() {
+        korvtest::ScopedProperty logv("persist.vendor.camera.korvalite.EpollMonitor.logv", "1");
+        return std::static_pointer_cast<EpollMonitor>(IEpollMonitor::make("timer-test"));
+    }
+
+    std::shared_ptr<EpollMonitor> mMonitor = verboseMonitor();
+    std::shared_ptr<ThreadLoopHandler> mHandler = ThreadLoopHandler::make();
+};
+
+// A periodic timer read at the instant its next expiry is due, before the kernel delivers it,
+// reports a remaining time of zero, and re-arming with that would switch it off for good. Here
+// both cores are busy re-arming the timer from other threads while the monitor re-arms it after
+// every expiry, with an interval short enough that such reads happen many times a second. A
+// timer disarmed that way never fires again, so firing on after the load proves it never stopped.
+TEST_F(TimerOnMonitor, PeriodicTimerNeverStopsUnderLoad) {
+    std::atomic<int> fired{0};
+    auto timer = makeTimer("load", [&] { ++fired; });
+    mMonitor->attach(timer.get(), timer->getEventType());
+    timespec const interval = {0, 50000};
+    timer->startTimerAbsoluteTime(&kPast, &interval);
+    std::atomic<int> reArms{0};
+    std::vector<std::thread> load;
+    for (int i = 0; i < 2; ++i) {
+        load.emplace_back([&] {
+            while (reArms++ < 200000) timer->enableEdgeTrigger();
+        });
+    }
+    for (auto& thread : load) thread.join();
+
+    int const atEnd = fired;
+    EXPECT_GT(atEnd, 0);
+    EXPECT_TRUE(korvtest::waitFor([&] { return fired >= atEnd + 100; }))
+            << "the periodic timer stopped after " << atEnd << " expiries";
+    EXPECT_EQ(getTime(*timer).it_interval.tv_nsec, 50000);
+    // The loop ends before the timer is detached and dropped: a batch in flight could still name
+    // it.
+    mHandler->requestExitAndWait();
+    mMonitor->detach(timer.get());
+}
+
 // The self-reference taken by onEvent keeps the timer alive when its client detaches it and
 // lets go of it while the callback runs; with the monitor's verbose lines on, nothing touches the
 // timer once its onEvent has returned (the address sanitizer build sees it if anything does).
-TEST(TimerOnMonitor, ClientMayDropTheTimerWhileItsCallbackRuns) {
+TEST_F(TimerOnMonitor, ClientMayDropTheTimerWhileItsCallbackRuns) {
     korvtest::AndroidLogCapture log;
     korvtest::ScopedSwitches switches;
     switches.details(3);
-    std::shared_ptr<EpollMonitor> monitor;
-    {
-        korvtest::ScopedProperty logv("persist.vendor.camera.korvalite.EpollMonitor.logv", "1");
-        monitor = std::static_pointer_cast<EpollMonitor>(IEpollMonitor::make("timer-test"));
-    }
-    auto handler = ThreadLoopHandler::make();
-    ASSERT_EQ(handler->run(monitor), 0);
     std::atomic<bool> inCallback{false}, release{false};
     auto timer = makeTimer("dropped", [&] {
         inCallback = true;
         while (!release) std::this_thread::yield();
     });
     std::weak_ptr<Timer> watch = timer;
-    monitor->attach(timer.get(), timer->getEventType());
+    mMonitor->attach(timer.get(), timer->getEventType());
     timer->startTimerAbsoluteTime(&kPast, &kZero);
     ASSERT_TRUE(korvtest::waitFor([&] { return inCallback.load(); }));
-    monitor->detach(timer.get());
+    mMonitor->detach(timer.get());
     timer.reset();
     EXPECT_FALSE(watch.expired());
     release = true;
     EXPECT_TRUE(korvtest::waitFor([&] { return watch.expired(); }));
-    EXPECT_EQ(handler->requestExitAndWait(), 0);
 }
 
 }  // namespace
