@@ -13,9 +13,9 @@
 
 #include "LogProbe.h"
 
-#include "KorvLog.h"
-
 #include <utility>
+
+#include "KorvLog.h"
 
 namespace korvbench {
 namespace {
@@ -75,8 +75,8 @@ bool cameraTraceOn() {
     return (atrace_get_enabled_tags() & ATRACE_TAG_CAMERA) != 0;
 }
 
-Probes const kProbes = {&probeNothing,  &probeLogD,   &probeTraceCameraOff, &probeTraceBitOff,
-                        &logDEnabled,   &traceBitSet, &cameraTraceOn};
+Probes const kProbes = {&probeNothing, &probeLogD,   &probeTraceCameraOff, &probeTraceBitOff,
+                        &logDEnabled,  &traceBitSet, &cameraTraceOn};
 
 }  // namespace
 }  // namespace korvbench

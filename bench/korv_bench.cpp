@@ -196,8 +196,8 @@ korvbench::Probes const* loadProbes() {
     std::string path = exeDir() + "/libkorv_bench_probe.so";
     void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (handle == nullptr) die("dlopen %s: %s", path.c_str(), dlerror());
-    auto probes = reinterpret_cast<korvbench::Probes const* (*)()>(
-            dlsym(handle, "korv_bench_probes"));
+    auto probes =
+            reinterpret_cast<korvbench::Probes const* (*)()>(dlsym(handle, "korv_bench_probes"));
     if (probes == nullptr) die("%s exports no korv_bench_probes", path.c_str());
     return probes();
 }
@@ -858,7 +858,8 @@ void makeCases() {
                     Probe{"trace, camera tag off", gProbes->traceCameraOff},
                     Probe{"trace, bit clear", gProbes->traceBitOff}}) {
         log.variants.push_back({p.name, [p](benchmark::State& s, Series& r) {
-                                    perCall(s, r, [&] { p.probe(kSites); }, kSites);
+                                    perCall(
+                                            s, r, [&] { p.probe(kSites); }, kSites);
                                 }});
     }
     // The same in the library itself, called from here: isInterruptEvent(0) opens and closes a
@@ -878,21 +879,22 @@ void makeCases() {
                                         kSites);
                             }});
     for (bool bitClear : {false, true}) {
-        log.variants.push_back(
-                {bitClear ? "library: trace, bit clr" : "library: trace, tag off",
-                 [probe, bitClear](benchmark::State& s, Series& r) {
-                     uint64_t mask = korvalite_enabled_tracebits;
-                     if (bitClear) korvalite_enabled_tracebits = mask & ~kLifecycleTraceBit;
-                     perCall(
-                             s, r,
-                             [&] {
-                                 for (int i = 0; i < kSites; ++i) {
-                                     benchmark::DoNotOptimize(probe->isInterruptEvent(0));
-                                 }
-                             },
-                             kSites);
-                     korvalite_enabled_tracebits = mask;
-                 }});
+        log.variants.push_back({bitClear ? "library: trace, bit clr" : "library: trace, tag off",
+                                [probe, bitClear](benchmark::State& s, Series& r) {
+                                    uint64_t mask = korvalite_enabled_tracebits;
+                                    if (bitClear)
+                                        korvalite_enabled_tracebits = mask & ~kLifecycleTraceBit;
+                                    perCall(
+                                            s, r,
+                                            [&] {
+                                                for (int i = 0; i < kSites; ++i) {
+                                                    benchmark::DoNotOptimize(
+                                                            probe->isInterruptEvent(0));
+                                                }
+                                            },
+                                            kSites);
+                                    korvalite_enabled_tracebits = mask;
+                                }});
     }
 
     Case& dump = addCase("dump", "state dump of 10 000 lines to a file", 4, true,
