@@ -1,18 +1,16 @@
 // State dump through its exported entry points: targets, prefixes, back-trace flags, failed
-// flushes, the bounded wait and concurrent dumps.
+// flushes and the bounded wait.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <korvalite/Korv_Dumpstate.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <memory>
 #include <optional>
-#include <thread>
 
 #include "support/KorvTest.h"
 
@@ -60,17 +58,10 @@ std::vector<Lines> takeDumpFiles() {
     return files;
 }
 
-long threadCount() {
-    return std::distance(fs::directory_iterator("/proc/self/task"), {});
-}
-
 class DumpstateTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        // Runtimes that start a helper thread with the process's first thread (ThreadSanitizer)
-        // must do so before the baseline is taken.
-        std::thread([] {}).join();
-        mThreads = threadCount();
+        mThreads = korvtest::threadCount();
         korv_dumpstate_set_dumpstate_callback(producer);
         gCalls = 0;
     }
@@ -78,7 +69,7 @@ protected:
         gGate = true;
         // Detached workers have ended, not merely finished their dump. At most the baseline:
         // under qemu-user a joined thread can still be listed when the baseline is taken.
-        EXPECT_TRUE(korvtest::waitFor([&] { return threadCount() <= mThreads; },
+        EXPECT_TRUE(korvtest::waitFor([&] { return korvtest::threadCount() <= mThreads; },
                                       std::chrono::seconds(120)));
         korv_dumpstate_set_dumpstate_callback(nullptr);
         EXPECT_TRUE(takeDumpFiles().empty()) << "dump files left unchecked";
@@ -86,7 +77,7 @@ protected:
 
     korvtest::ScopedSwitches mSwitches{1, 3};
     korvtest::AndroidLogCapture mLog;
-    long mThreads = 0;
+    size_t mThreads = 0;
 };
 
 // The log is a fallback only where the file comes first or alone by default.
@@ -136,9 +127,8 @@ TEST_F(DumpstateTest, NamelessPrefixDependsOnWhereTheDumpRuns) {
     mSwitches.details(4);
     korv_dumpstate_callback_t const blank = [](IPrinter* printer) { printer->printLine(""); };
     korv_dumpstate_set_dumpstate_callback(blank);
-    char registered[96];
-    snprintf(registered, sizeof(registered), "[DECKEY][%s] %p",
-             "korv_dumpstate_set_dumpstate_callback", reinterpret_cast<void*>(blank));
+    std::string const registered = "[DECKEY][korv_dumpstate_set_dumpstate_callback] " +
+                                   korvtest::addr(reinterpret_cast<void*>(blank));
     dump(nullptr, nullptr, -1, -1);
     dump(nullptr, nullptr, 60000, -1);
     EXPECT_EQ(takeDumpFiles(), (std::vector<Lines>{{"[Unknown] "}, {" "}}));
@@ -158,7 +148,7 @@ TEST_F(DumpstateTest, FlagsAddTheBacktraceToFileOrLog) {
         bool const inFile = (flags & 1) != 0;
         Lines& traced = inFile ? files[0] : log;
         ASSERT_GT(traced.size(), inFile ? 3u : 1u) << flags;  // a thread at least
-        if (inFile) {  // only the file frames it
+        if (inFile) {                                         // only the file frames it
             EXPECT_EQ(traced[1], "n dump process backtrace begin");
             EXPECT_EQ(traced.back(), "n dump process backtrace end");
         }

@@ -17,6 +17,7 @@
 namespace NSCam::NSKorvalite {
 namespace {
 
+using korvtest::addr;
 using Observer = korvtest::EventFdObserver;
 
 // An observer of a descriptor it does not own, never called.
@@ -32,12 +33,6 @@ std::shared_ptr<EpollMonitor> makeMonitor(char const* name = "abc", bool logv = 
     korvtest::ScopedProperty property("persist.vendor.camera.korvalite.EpollMonitor.logv",
                                       logv ? "1" : "");
     return std::static_pointer_cast<EpollMonitor>(IEpollMonitor::make(name));
-}
-
-std::string addr(void const* p) {
-    char text[32];
-    snprintf(text, sizeof text, "%p", p);
-    return text;
 }
 
 // The suffix that error and fatal lines carry.

@@ -7,7 +7,6 @@
 #include <korvalite/SystemCall.h>
 #include <korvalite/Timer.h>
 
-#include <filesystem>
 #include <thread>
 
 #include "support/KorvTest.h"
@@ -17,13 +16,6 @@ namespace NSKorvalite {
 namespace {
 
 using namespace std::chrono_literals;
-namespace fs = std::filesystem;
-
-// Waits compare with "at most" the baseline: under qemu-user a thread that was just joined can
-// still be listed when the baseline is taken.
-size_t threadCount() {
-    return std::distance(fs::directory_iterator("/proc/self/task"), fs::directory_iterator());
-}
 
 // A new monitor, running on a worker at normal priority (it would ask for SCHED_RR).
 std::pair<std::shared_ptr<EpollMonitor>, std::shared_ptr<ThreadLoopHandler>> start() {
@@ -63,9 +55,8 @@ TEST(ReliabilityStress, EveryEventfdWriteArrivesWhileObserversAndTimersChurn) {
     constexpr int kObservers = kClients * kOwn + kMovers + 1;  // and the timer
     korvtest::ScopedSwitches switches;
     switches.details(2);
-    std::thread([] {}).join();  // a runtime's helper thread, if any, exists from here on
     auto const fds = korvtest::openFds();
-    size_t const threads = threadCount();
+    size_t const threads = korvtest::threadCount();
     auto [monitor, handler] = start();
     std::vector<std::unique_ptr<korvtest::EventFdObserver>> counters;
     for (int i = 0; i < kClients * kOwn + kMovers; ++i) {
@@ -137,7 +128,7 @@ TEST(ReliabilityStress, EveryEventfdWriteArrivesWhileObserversAndTimersChurn) {
     monitor.reset();
     timer.reset();
     counters.clear();
-    EXPECT_TRUE(korvtest::waitFor([&] { return threadCount() <= threads; }));
+    EXPECT_TRUE(korvtest::waitFor([&] { return korvtest::threadCount() <= threads; }));
     EXPECT_EQ(korvtest::openFds(), fds);
 }
 
@@ -147,9 +138,8 @@ TEST(ReliabilityStress, EveryEventfdWriteArrivesWhileObserversAndTimersChurn) {
 TEST(ReliabilityStress, MonitorsStoppedRestartedAndDroppedFromSeveralThreadsAllEnd) {
     korvtest::ScopedSwitches switches;
     switches.details(2);
-    std::thread([] {}).join();
     auto const fds = korvtest::openFds();
-    size_t const threads = threadCount();
+    size_t const threads = korvtest::threadCount();
     std::vector<std::weak_ptr<EpollMonitor>> monitors;
     std::vector<std::weak_ptr<ThreadLoopHandler>> handlers;
     for (int i = 0; i < 200; ++i) {
@@ -176,7 +166,7 @@ TEST(ReliabilityStress, MonitorsStoppedRestartedAndDroppedFromSeveralThreadsAllE
         EXPECT_TRUE(korvtest::waitFor([&] { return monitors[i].expired(); })) << i;
         EXPECT_TRUE(korvtest::waitFor([&] { return handlers[i].expired(); })) << i;
     }
-    EXPECT_TRUE(korvtest::waitFor([&] { return threadCount() <= threads; }));
+    EXPECT_TRUE(korvtest::waitFor([&] { return korvtest::threadCount() <= threads; }));
     EXPECT_EQ(korvtest::openFds(), fds);
 }
 

@@ -132,14 +132,11 @@ std::chrono::steady_clock::time_point std::chrono::steady_clock::now() noexcept 
 namespace {
 
 namespace System = NSCam::NSKorvalite::System;
+using korvtest::tagOf;
 
 constexpr char kTag[] = "korvalite-syscall";
 constexpr int kFd = 77;  // the ioctl double answers for any number
 constexpr char kTooMany[] = "err=-24(Too many open files)";
-
-unsigned long tagOf(int const& holder) {
-    return reinterpret_cast<unsigned long>(&holder);
-}
 
 // Takes descriptor `fd` back from the owner `tag`: refused unless the wrapper tagged it so.
 int untag(int fd, unsigned long tag) {

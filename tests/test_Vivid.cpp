@@ -22,10 +22,7 @@
 namespace {
 
 namespace System = NSCam::NSKorvalite::System;
-
-unsigned long tagOf(int const& holder) {
-    return reinterpret_cast<unsigned long>(&holder);
-}
+using korvtest::tagOf;
 
 v4l2_buffer captureBuffer(unsigned index, int request = -1) {
     v4l2_buffer buffer = {};

@@ -8,8 +8,8 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/mman.h>
 #include <sys/eventfd.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -36,7 +36,7 @@ std::string getProperty(char const* key) {
 
 }  // namespace
 
-// --- Android log and ULog ----------------------------------------------------------------------
+// --- Android log and ULog ------------------------------------------------------------------------
 
 namespace {
 // The one living capture; a record being added holds the lock, so the capture outlives it.
@@ -70,23 +70,7 @@ ULogCapture::~ULogCapture() {
     __atomic_store_n(&ULogger::sULogger, mPrevious, __ATOMIC_RELEASE);
 }
 
-ScopedSwitches::ScopedSwitches()
-    : mMode(__atomic_load_n(&ULogger::sMode, __ATOMIC_RELAXED)),
-      mDetails(__atomic_load_n(&ULogger::sDetailsLevel, __ATOMIC_RELAXED)),
-      mMask(__atomic_load_n(&ULogger::sNormalDetailsMask, __ATOMIC_RELAXED)) {}
-
-ScopedSwitches::~ScopedSwitches() {
-    __atomic_store_n(&ULogger::sMode, mMode, __ATOMIC_RELAXED);
-    __atomic_store_n(&ULogger::sDetailsLevel, mDetails, __ATOMIC_RELAXED);
-    __atomic_store_n(&ULogger::sNormalDetailsMask, mMask, __ATOMIC_RELAXED);
-}
-
-ScopedSwitches& ScopedSwitches::set(uint32_t& target, uint32_t value) {
-    __atomic_store_n(&target, value, __ATOMIC_RELAXED);
-    return *this;
-}
-
-// --- Trace -------------------------------------------------------------------------------------
+// --- Trace ---------------------------------------------------------------------------------------
 
 TraceCapture::TraceCapture(uint64_t tags)
     : mMarkerFile("debug.atrace.marker_file", mFile.path()),
@@ -118,7 +102,7 @@ void TraceCapture::clear() {
     if (truncate(path().c_str(), 0) != 0) abort();
 }
 
-// --- Properties and files ----------------------------------------------------------------------
+// --- Properties and files ------------------------------------------------------------------------
 
 ScopedProperty::ScopedProperty(std::string key, std::string const& value)
     : mKey(std::move(key)), mOld(getProperty(mKey.c_str())) {
@@ -139,7 +123,7 @@ TempFile::~TempFile() {
     unlink(mPath.c_str());
 }
 
-// --- Child processes ---------------------------------------------------------------------------
+// --- Child processes -----------------------------------------------------------------------------
 
 namespace {
 
@@ -226,7 +210,7 @@ ChildResult runSelfChild(std::string const& testName,
     return child;
 }
 
-// --- Descriptors and waiting -------------------------------------------------------------------
+// --- Descriptors and waiting ---------------------------------------------------------------------
 
 std::set<int> openFds() {
     std::set<int> fds;
@@ -237,6 +221,18 @@ std::set<int> openFds() {
     for (auto fd = fds.begin(); fd != fds.end();)
         fd = fcntl(*fd, F_GETFD) < 0 ? fds.erase(fd) : ++fd;
     return fds;
+}
+
+size_t threadCount() {
+    std::thread([] {}).join();
+    return static_cast<size_t>(
+            std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}));
+}
+
+std::string addr(void const* pointer) {
+    char text[32];
+    snprintf(text, sizeof(text), "%p", pointer);
+    return text;
 }
 
 bool waitFor(std::function<bool()> const& condition, std::chrono::milliseconds limit) {
@@ -274,10 +270,6 @@ struct EveryDigitGrouped : std::numpunct<char> {
 ScopedGroupingLocale::ScopedGroupingLocale()
     : mOld(std::locale::global(std::locale(std::locale::classic(), new EveryDigitGrouped))) {}
 
-ScopedGroupingLocale::~ScopedGroupingLocale() {
-    std::locale::global(mOld);
-}
-
 EventFdObserver::EventFdObserver() : fd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
     if (fd < 0) abort();
 }
@@ -289,7 +281,6 @@ EventFdObserver::~EventFdObserver() {
 void EventFdObserver::onEvent(OnEvent const& event) {
     uint64_t value = 0;
     if (read(fd, &value, sizeof(value)) == sizeof(value)) received += value;
-    last = event;
     calls++;
     if (hook) hook(event);  // last: it may destroy this observer
 }

@@ -12,6 +12,7 @@
 // one of a kind at a time.
 #pragma once
 
+#include <korvalite/EpollMonitor.h>
 #include <qrvcam/ulog/ULog.h>
 #include <stdint.h>
 #include <sys/types.h>
@@ -27,8 +28,6 @@
 #include <string_view>
 #include <utility>
 #include <vector>
-
-#include <korvalite/EpollMonitor.h>
 
 namespace korvtest {
 
@@ -130,25 +129,33 @@ private:
 
 // Saves the three ULog switches and restores them. The setters store atomically, so a library
 // thread reading them concurrently is not a data race.
-class ScopedSwitches {
+class ScopedSwitches : NoCopy {
 public:
-    ScopedSwitches();
-    ScopedSwitches(uint32_t modeValue, uint32_t detailsValue) : ScopedSwitches() {
+    ScopedSwitches() = default;
+    ScopedSwitches(uint32_t modeValue, uint32_t detailsValue) {
         mode(modeValue).details(detailsValue);
     }
-    ~ScopedSwitches();
+    ~ScopedSwitches() {
+        for (auto [target, old] : mSaved) __atomic_store_n(target, old, __ATOMIC_RELAXED);
+    }
     ScopedSwitches& mode(uint32_t value) { return set(ULogger::sMode, value); }
     ScopedSwitches& details(uint32_t value) { return set(ULogger::sDetailsLevel, value); }
     ScopedSwitches& mask(uint32_t value) { return set(ULogger::sNormalDetailsMask, value); }
 
 private:
-    ScopedSwitches& set(uint32_t& target, uint32_t value);
-    uint32_t mMode;
-    uint32_t mDetails;
-    uint32_t mMask;
+    static std::pair<uint32_t*, uint32_t> saved(uint32_t& target) {
+        return {&target, __atomic_load_n(&target, __ATOMIC_RELAXED)};
+    }
+    ScopedSwitches& set(uint32_t& target, uint32_t value) {
+        __atomic_store_n(&target, value, __ATOMIC_RELAXED);
+        return *this;
+    }
+    std::pair<uint32_t*, uint32_t> const mSaved[3] = {saved(ULogger::sMode),
+                                                      saved(ULogger::sDetailsLevel),
+                                                      saved(ULogger::sNormalDetailsMask)};
 };
 
-// --- Properties and files ------------------------------------------------------------------------------
+// --- Properties and files --------------------------------------------------------------------
 
 // Sets a property in this process and restores its former in-process value (empty: unset).
 class ScopedProperty : NoCopy {
@@ -229,6 +236,19 @@ ChildResult runInChild(std::function<void()> const& body,
 // The descriptor numbers this process has open.
 std::set<int> openFds();
 
+// The threads this process has now. Runtimes that start a helper thread with the process's first
+// other thread (ThreadSanitizer) have it by the time this returns; under qemu-user a thread just
+// joined can still be listed a moment, so compare with "at most" a baseline.
+size_t threadCount();
+
+// The owner tag the library gives a descriptor that `holder` holds: the holder's address.
+inline unsigned long tagOf(int const& holder) {
+    return reinterpret_cast<unsigned long>(&holder);
+}
+
+// A pointer as the library prints it ("%p").
+std::string addr(void const* pointer);
+
 // Polls `condition` until it holds or `limit` passes; returns its last value. For conditions that
 // another thread makes true: never sleep for a guess.
 bool waitFor(std::function<bool()> const& condition,
@@ -255,16 +275,16 @@ private:
 class ScopedGroupingLocale {
 public:
     ScopedGroupingLocale();
-    ~ScopedGroupingLocale();
+    ~ScopedGroupingLocale() { std::locale::global(mOld); }
 
 private:
     std::locale mOld;
 };
 
-// --- Event observers ---------------------------------------------------------------------------
+// --- Event observers -------------------------------------------------------------------------
 
 // An eventfd of its own (non-blocking, closed with the observer). onEvent() reads the count, adds
-// it to `received`, records the event, counts the call and then runs `hook`, which may detach,
+// it to `received`, counts the call and then runs `hook`, which may detach,
 // attach or even destroy the observer. Allocates nothing per event.
 struct EventFdObserver : NSCam::NSKorvalite::IEventObserver {
     EventFdObserver();
@@ -277,7 +297,6 @@ struct EventFdObserver : NSCam::NSKorvalite::IEventObserver {
 
     int const fd;
     std::function<void(OnEvent const&)> hook;
-    OnEvent last{};
     std::atomic<int> calls{0};
     std::atomic<uint64_t> sent{0}, received{0};
 };
