@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <sstream>
 #include <thread>
 #include <tuple>
 
@@ -112,23 +111,25 @@ TEST(ThreadLoopHandler, RunsTheBodyAndHandshakesTheExit) {
                   std::make_tuple(round.policy, round.priority, round.nice));
 
         log.clear();
+        std::atomic<bool> released{false};
         std::thread releaser([&] {  // once the waiter waits for the second iteration to end
             EXPECT_TRUE(waitFor([&] { return log.count("korvalite-ThreadLoop", "wait exit"); }));
+            released = true;
             body->release();
         });
         EXPECT_EQ(handler->requestExitAndWait(), 0);
+        EXPECT_TRUE(released) << "the wait ended before the worker did";
         releaser.join();
         EXPECT_EQ(probe.exits, 1);
         EXPECT_EQ(probe.iterations, 2);
         EXPECT_TRUE(handler->exitPending());
         ASSERT_TRUE(waitFor([&] { return gone(probe.tid); }));
-        std::ostringstream self;
-        self << static_cast<void*>(handler.get());
         std::vector<std::string> lines = log.texts("korvalite-ThreadLoop");
         std::sort(lines.begin(), lines.end());  // the worker's line races the waiter's last
-        EXPECT_EQ(lines, (std::vector<std::string>{"[DECKEY][_threadLoop] - " + self.str(),
-                                                   "[DECKEY][requestExitAndWait] -",
-                                                   "[DECKEY][requestExitAndWait] wait exit"}));
+        EXPECT_EQ(lines, (std::vector<std::string>{
+                                 "[DECKEY][_threadLoop] - " + korvtest::addr(handler.get()),
+                                 "[DECKEY][requestExitAndWait] -",
+                                 "[DECKEY][requestExitAndWait] wait exit"}));
     }
     std::vector<std::string> events = trace.events();
     for (char const* name : {"B|run", "B|_threadLoop", "B|requestExit", "B|requestExitAndWait"}) {
@@ -186,11 +187,9 @@ TEST(ThreadLoopHandler, DroppingTheBodyOrTheHandlerAbandonsTheWorker) {
         ASSERT_TRUE(waitFor([&] { return gone(probe.tid); }));
         EXPECT_EQ(probe.iterations, 2);
         EXPECT_EQ(probe.destroyedOn, dropBody ? probe.tid.load() : 0);
-        if (dropBody) {
-            EXPECT_EQ(handler->run(std::make_shared<Body>(probe)), -ENOSYS);  // not Finished
-        } else {
-            EXPECT_TRUE(weakHandler.expired());
-        }
+        EXPECT_EQ(weakHandler.expired(), !dropBody);
+        if (!dropBody) continue;
+        EXPECT_EQ(handler->run(std::make_shared<Body>(probe)), -ENOSYS);  // not Finished
     }
 }
 
