@@ -214,7 +214,6 @@ struct ChildResult {
     bool exited = false;    // ended through exit()
     int exitCode = -1;      // when exited
     int signal = 0;         // the signal that ended it, when not exited
-    bool timedOut = false;  // killed by runChild after the time-out
     std::string out;        // its standard output
     std::string err;        // its standard error
 };
