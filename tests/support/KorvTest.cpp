@@ -221,7 +221,7 @@ std::set<int> openFds() {
 }
 
 size_t threadCount() {
-    std::thread([] {}).join();
+    [[maybe_unused]] static bool const warmedUp = (std::thread([] {}).join(), true);
     return static_cast<size_t>(
             std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}));
 }

@@ -235,9 +235,10 @@ ChildResult runInChild(std::function<void()> const& body,
 // The descriptor numbers this process has open.
 std::set<int> openFds();
 
-// The threads this process has now. Runtimes that start a helper thread with the process's first
-// other thread (ThreadSanitizer) have it by the time this returns; under qemu-user a thread just
-// joined can still be listed a moment, so compare with "at most" a baseline.
+// The threads this process has now. The first call starts and joins a thread, so that a runtime
+// that starts a helper thread with the process's first other thread (ThreadSanitizer) has it
+// before any baseline; under qemu-user a thread just joined can still be listed a moment, so
+// compare with "at most" a baseline.
 size_t threadCount();
 
 // The owner tag the library gives a descriptor that `holder` holds: the holder's address.
