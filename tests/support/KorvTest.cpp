@@ -44,9 +44,12 @@ std::mutex gLogCaptureMutex;
 AndroidLogCapture* gLogCapture = nullptr;
 }  // namespace
 
+// liblog holds its logger lock while a logger runs: this lock is never held while calling liblog.
 AndroidLogCapture::AndroidLogCapture() {
-    std::lock_guard<std::mutex> lock(gLogCaptureMutex);
-    gLogCapture = this;
+    {
+        std::lock_guard<std::mutex> lock(gLogCaptureMutex);
+        gLogCapture = this;
+    }
     __android_log_set_logger([](__android_logger_data const* data, char const* message) {
         std::lock_guard<std::mutex> lock(gLogCaptureMutex);
         if (gLogCapture == nullptr) return;
