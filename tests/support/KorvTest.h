@@ -6,7 +6,8 @@
 // - TraceCapture / traceEvents: trace events written to a (temporary) marker file.
 // - ScopedProperty / TempFile: a property in this process; a temporary file.
 // - runSelfChild / runInChild: a child process that must end in a given way.
-// - openFds: the descriptors this process has open.
+// - openFds / threadCount: the descriptors and threads this process has.
+// - tagOf / addr: a holder's owner tag; a pointer as the library prints it.
 //
 // Each helper restores what it changed when it goes out of scope. Captures are process-wide: use
 // one of a kind at a time.
