@@ -4,8 +4,9 @@
 namespace korvbench {
 
 struct Probes {
-    // Each runs its call site `count` times, with a compiler barrier after each.
-    // Only the barrier: the floor the probes are compared with.
+    // Each runs its call site `count` times (a multiple of 8), with a compiler barrier before the
+    // site and another inside it.
+    // Only the barriers: the floor the probes are compared with.
     void (*nothing)(int count);
     // A KORV_LOGD line (details level 4).
     void (*logD)(int count);

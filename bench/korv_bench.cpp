@@ -864,35 +864,28 @@ void makeCases() {
     }
     // The same in the library itself, called from here: isInterruptEvent(0) opens and closes a
     // section of the lifecycle bit (in the default mask) and returns at once; getEventFD() is the
-    // floor of a call into the library.
+    // floor of a call into the library. Each is called kSites times a turn, like the probes.
     std::shared_ptr<EpollMonitor> probe =
             std::static_pointer_cast<EpollMonitor>(IEpollMonitor::make("bench-probe"));
-    log.variants.push_back({"library: getEventFD", [probe](benchmark::State& s, Series& r) {
-                                perCall(
-                                        s, r,
-                                        [&] {
-                                            for (int i = 0; i < kSites; ++i) {
-                                                benchmark::DoNotOptimize(
-                                                        probe->EpollMonitor::getEventFD());
-                                            }
-                                        },
-                                        kSites);
-                            }});
+    auto perSite = [](benchmark::State& s, Series& r, auto call) {
+        perCall(
+                s, r,
+                [&] {
+                    for (int i = 0; i < kSites; ++i) benchmark::DoNotOptimize(call());
+                },
+                kSites);
+    };
+    log.variants.push_back(
+            {"library: getEventFD", [probe, perSite](benchmark::State& s, Series& r) {
+                 perSite(s, r, [&] { return probe->EpollMonitor::getEventFD(); });
+             }});
     for (bool bitClear : {false, true}) {
         log.variants.push_back({bitClear ? "library: trace, bit clr" : "library: trace, tag off",
-                                [probe, bitClear](benchmark::State& s, Series& r) {
+                                [probe, bitClear, perSite](benchmark::State& s, Series& r) {
                                     uint64_t mask = korvalite_enabled_tracebits;
                                     if (bitClear)
                                         korvalite_enabled_tracebits = mask & ~kLifecycleTraceBit;
-                                    perCall(
-                                            s, r,
-                                            [&] {
-                                                for (int i = 0; i < kSites; ++i) {
-                                                    benchmark::DoNotOptimize(
-                                                            probe->isInterruptEvent(0));
-                                                }
-                                            },
-                                            kSites);
+                                    perSite(s, r, [&] { return probe->isInterruptEvent(0); });
                                     korvalite_enabled_tracebits = mask;
                                 }});
     }
