@@ -65,14 +65,6 @@ AndroidLogCapture::~AndroidLogCapture() {
     gLogCapture = nullptr;
 }
 
-ULogCapture::ULogCapture() : mPrevious(__atomic_load_n(&ULogger::sULogger, __ATOMIC_ACQUIRE)) {
-    __atomic_store_n(&ULogger::sULogger, static_cast<ULogger*>(this), __ATOMIC_RELEASE);
-}
-
-ULogCapture::~ULogCapture() {
-    __atomic_store_n(&ULogger::sULogger, mPrevious, __ATOMIC_RELEASE);
-}
-
 // --- Trace ---------------------------------------------------------------------------------------
 
 TraceCapture::TraceCapture(uint64_t tags)

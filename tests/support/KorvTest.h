@@ -115,8 +115,10 @@ private:
 // A ULog sink that records; installed as ULogger::sULogger while it lives.
 class ULogCapture : public ULogger, public Records<ULogRecord> {
 public:
-    ULogCapture();
-    ~ULogCapture() override;
+    ULogCapture() : mPrevious(__atomic_load_n(&ULogger::sULogger, __ATOMIC_ACQUIRE)) {
+        __atomic_store_n(&ULogger::sULogger, static_cast<ULogger*>(this), __ATOMIC_RELEASE);
+    }
+    ~ULogCapture() override { __atomic_store_n(&ULogger::sULogger, mPrevious, __ATOMIC_RELEASE); }
     void logRecord(uint32_t moduleId, char const* tag, uint32_t level, char const* text,
                    uint32_t length) override {
         add({moduleId, tag ? tag : "", level, text ? text : "", length});
@@ -212,11 +214,11 @@ private:
 // --- Child processes -------------------------------------------------------------------------
 
 struct ChildResult {
-    bool exited = false;    // ended through exit()
-    int exitCode = -1;      // when exited
-    int signal = 0;         // the signal that ended it, when not exited
-    std::string out;        // its standard output
-    std::string err;        // its standard error
+    bool exited = false;  // ended through exit()
+    int exitCode = -1;    // when exited
+    int signal = 0;       // the signal that ended it, when not exited
+    std::string out;      // its standard output
+    std::string err;      // its standard error
 };
 
 // Runs this test executable again with only the (normally disabled) test `testName`
